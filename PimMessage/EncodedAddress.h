@@ -1,0 +1,119 @@
+#pragma once
+// The three PIM address encodings: Encoded-Unicast, Encoded-Group and Encoded-Source
+// (RFC 7761, 4.9.1). Reading checks only the layout (room, encoding type, family, mask length);
+// valid() tells whether the address is acceptable where the protocol needs it. Writing checks both.
+#include <ostream>
+#include <string>
+
+#include "PimData/PimFlags.h"
+#include "knet/Address.h"
+#include "knet/Pkt.h"
+#include "loom/Entity.h"
+
+namespace Routing::Pim::Packet {
+
+using Routing::Pim::GroupFlags;
+using Routing::Pim::SourceFlags;
+
+// Encoding type 0 (native) is the only one supported.
+constexpr U8 defaultEncoding = 0;
+
+// The first two bytes that all three encodings share.
+struct EncodedAddressCommonHeader {
+  U8 addressFamily = 0;
+  U8 encoding = 0;
+};
+
+struct GroupAddress {
+  Knet::IpGenAddr address;
+  GroupFlags flags;
+  friend bool operator==(const GroupAddress&, const GroupAddress&) = default;
+};
+std::ostream& operator<<(std::ostream& os, const GroupAddress& g);
+std::string valueToStrep(const GroupAddress& g);
+
+struct SourceAddress {
+  Knet::IpGenAddr address;
+  SourceFlags flags;
+  friend bool operator==(const SourceAddress&, const SourceAddress&) = default;
+};
+std::ostream& operator<<(std::ostream& os, const SourceAddress& s);
+std::string valueToStrep(const SourceAddress& s);
+
+class EncodedUnicastAddress : public Loom::Entity {
+ public:
+  static constexpr U32 ipv4SizeInBytes = 6;
+  static constexpr U32 ipv6SizeInBytes = 18;
+
+  const Knet::IpGenAddr& address() const { return address_; }
+  void addressIs(const Knet::IpGenAddr& v) { address_ = v; }
+
+  U32 readUnicastAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
+  U32 writeUnicastAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
+  bool valid() const;
+
+ private:
+  Knet::IpGenAddr address_;
+};
+
+class EncodedGroupAddress : public Loom::Entity {
+ public:
+  static constexpr U32 ipv4SizeInBytes = 8;
+  static constexpr U32 ipv6SizeInBytes = 20;
+
+  const Knet::IpGenPrefix& prefix() const { return prefix_; }
+  void prefixIs(const Knet::IpGenPrefix& v) { prefix_ = v; }
+  GroupFlags flags() const { return flags_; }
+  void flagsIs(GroupFlags v) { flags_ = v; }
+
+  // The prefix's address; unset (with a trace) for a prefix of no known family.
+  Knet::IpGenAddr address() const;
+  GroupAddress groupAddress() const { return GroupAddress{address(), flags_}; }
+  bool isHostPrefix() const { return prefix_.isHostPrefix(); }
+  // Sets the host prefix of the address; flags stay.
+  void addressIs(const Knet::IpGenAddr& a);
+  void groupAddressIs(const GroupAddress& g);
+
+  U32 readGroupAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
+  U32 writeGroupAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
+  bool valid() const;
+
+ private:
+  Knet::IpGenPrefix prefix_;
+  GroupFlags flags_;
+};
+std::ostream& operator<<(std::ostream& os, const EncodedGroupAddress* g);
+
+class EncodedSourceAddress : public Loom::Entity {
+ public:
+  static constexpr U32 ipv4SizeInBytes = 8;
+  static constexpr U32 ipv6SizeInBytes = 20;
+
+  const Knet::IpGenPrefix& prefix() const { return prefix_; }
+  void prefixIs(const Knet::IpGenPrefix& v) { prefix_ = v; }
+  SourceFlags flags() const { return flags_; }
+  void flagsIs(SourceFlags v) { flags_ = v; }
+
+  // The prefix's address. A prefix of no known family is a programming error.
+  Knet::IpGenAddr address() const;
+  SourceAddress sourceAddress() const { return SourceAddress{address(), flags_}; }
+  bool isHostPrefix() const { return prefix_.isHostPrefix(); }
+  void addressIs(const Knet::IpGenAddr& a);
+  void sourceAddressIs(const SourceAddress& s);
+
+  U32 readSourceAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
+  U32 writeSourceAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
+  bool valid() const;
+
+ private:
+  Knet::IpGenPrefix prefix_;
+  SourceFlags flags_;
+};
+std::ostream& operator<<(std::ostream& os, const EncodedSourceAddress* s);
+
+// The codec's shared instances, for messages to use as scratch while they read and write.
+EncodedUnicastAddress& scratchUnicastAddress();
+EncodedGroupAddress& scratchGroupAddress();
+EncodedSourceAddress& scratchSourceAddress();
+
+}  // namespace Routing::Pim::Packet

@@ -1,0 +1,136 @@
+#include "PimMessage/Message.h"
+
+#include "knet/PimHdr.h"
+
+namespace Routing::Pim::Packet {
+
+Loom::TraceUnit& traceUnit() {
+  static Loom::TraceUnit unit("PimMessage");
+  return unit;
+}
+
+Loom::LogMessage PIMBSR_CRPADV_ZONE_SET(
+    "PIMBSR_CRPADV_ZONE_SET", 6, "Received Candidate-RP Advertisements from C-RP %s with Zone bit set",
+    "This is an unusual condition for which RFC 5059 mentions BSR mechanism to log such activities. "
+    "This log is only for informational purpose and is produced when a multicast boundary router is "
+    "configured as a Candidate RP. This does not pose any operational issue.",
+    "In order to not see this message remove Candidate-RP configuration from the multicast boundary "
+    "router.",
+    60.0);
+
+Loom::LogMessage PIM_MESSAGE_INVALID_ENCODED_SOURCE(
+    "PIM_MESSAGE_INVALID_ENCODED_SOURCE", 4, "Attempted to send %s message with a non-unicast encoded source %s",
+    "A PIM message contains an S,G where the encoded source is not unicast.",
+    "Collect show-tech and contact support.");
+
+Loom::LogMessage PIM_MESSAGE_INVALID_ENCODED_GROUP(
+    "PIM_MESSAGE_INVALID_ENCODED_GROUP", 4,
+    "Attempted to send %s message with a non-multicast encoded group %s",
+    "A PIM message contains an S,G where the encoded group is not multicast.",
+    "Collect show-tech and contact support.");
+
+Loom::LogMessage PIM_MESSAGE_AF_MISMATCH(
+    "PIM_MESSAGE_AF_MISMATCH", 4, "Attempted to send %s %s message with %s address in the message",
+    "A PIM message encountered multiple address families while sending.",
+    "Collect show-tech and contact support.");
+
+namespace {
+constexpr U8 registerType = 0x21;
+// A Register's checksum covers only its header and the flags word.
+constexpr U32 registerChecksumLength = 8;
+}  // namespace
+
+Message::Message(Knet::PimMessageType pimMessageType) : pimMessageType_(pimMessageType) {}
+
+Knet::AddressFamily Message::af() const { return srcIp_.isSet() ? srcIp_.af() : dstIp_.af(); }
+
+U32 Message::readHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+  const S64 remaining = S64(pkt->size()) - S64(offset);
+  if (remaining <= 3) {
+    PIM_TRACE(traceError, "Invalid Pim Message - Missing Pim Header - Remaining: " << remaining);
+    return 0;
+  }
+  const Knet::PimCommonHdr hdr(pkt->data() + offset, static_cast<U32>(remaining));
+  PIM_TRACE(traceDetail, __func__ << " pimHdr " << hdr);
+  reserved_ = hdr.reserved();
+  const bool isRegister = hdr.messageType().value() == registerType;
+  length_ = isRegister ? registerChecksumLength : static_cast<U32>(remaining);
+
+  switch (af()) {
+    case Knet::AddressFamily::ipv4: {
+      U16 sum = hdr.computedChecksumU16(static_cast<U16>(length_));
+      if (sum == 0) break;
+      if (!isRegister) {
+        PIM_TRACE(traceError, "Invalid Pim Message - Checksum - Received: " << hdr.checksum() << " Calculated: " << sum);
+        return 0;
+      }
+      sum = hdr.computedChecksumU16(static_cast<U16>(remaining));
+      if (sum == 0) break;
+      PIM_TRACE(traceError,
+                "Invalid Pim Message - Register Checksum - Received: " << hdr.checksum() << " Calculated: " << sum);
+      return 0;
+    }
+    case Knet::AddressFamily::ipv6: {
+      Knet::PimPseudoHdrIpv6 pseudo{srcIp_, dstIp_, length_, Knet::ipProtoPim};
+      U16 sum = hdr.computedChecksumIpv6(pseudo);
+      PIM_TRACE(traceDetail, " pseduHdr " << pseudo << " Recompute Ipv6 pseudoHdr Checksum " << sum << " pimHdr "
+                                          << hdr << " validChecksum " << 65535);
+      // 0xFFFF is accepted as well as 0: both are zero in one's-complement arithmetic.
+      if (sum == 0 || sum == 0xffff) break;
+      if (!isRegister) {
+        PIM_TRACE(traceError, "Invalid Pim Message - Checksum - Received: " << hdr.checksum() << " Calculated: " << sum);
+        return 0;
+      }
+      pseudo.length = static_cast<U32>(remaining);
+      sum = hdr.computedChecksumIpv6(pseudo);
+      if (sum == 0 || sum == 0xffff) break;
+      PIM_TRACE(traceError,
+                "Invalid Pim Message - Register Checksum - Received: " << hdr.checksum() << " Calculated: " << sum);
+      return 0;
+    }
+    default:
+      PIM_TRACE(traceError, "Invalid address family");
+      return 0;
+  }
+  PIM_TRACE(traceDetail, "readHeader" << ": RX: <PIM version=2 type=" << unsigned(hdr.messageType().type()) << " ("
+                                      << hdr.messageType().name() << ") reserved=" << unsigned(reserved_)
+                                      << " checksum=" << hdr.checksum() << " length=" << length_ << " remaining "
+                                      << remaining << ">");
+  return 4;
+}
+
+U32 Message::writeHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+  const S64 remaining = S64(pkt->size()) - S64(offset);
+  if (remaining <= 3) {
+    PIM_TRACE(traceError, "Invalid Pim Message - Header - Unavailable Space - Remaining: " << remaining);
+    return 0;
+  }
+  PIM_TRACE(traceError, "writeHeader" << " pkt bytes: " << pkt->size() << ", offset " << offset);
+  Knet::PimCommonHdr hdr(pkt->data() + offset, static_cast<U32>(remaining));
+  hdr.messageTypeIs(pimMessageType_);
+  hdr.reservedIs(reserved_);
+  hdr.checksumIs(0);
+  U16 checksum = 0;
+  switch (af()) {
+    case Knet::AddressFamily::ipv4:
+      checksum = hdr.computedChecksum(static_cast<U16>(length_));
+      break;
+    case Knet::AddressFamily::ipv6: {
+      const U32 covered = pimMessageType_.value() == registerType ? registerChecksumLength : length_;
+      checksum = hdr.computedChecksumIpv6(Knet::PimPseudoHdrIpv6{srcIp_, dstIp_, covered, Knet::ipProtoPim});
+      break;
+    }
+    default:
+      PIM_TRACE(traceError, "Invalid address family");
+      return 0;
+  }
+  hdr.checksumIs(checksum);
+  PIM_TRACE(traceDetail, "writeHeader" << " TX: <PIM version=2 type=" << unsigned(pimMessageType_.type()) << " ("
+                                       << pimMessageType_.name() << ") reserved=" << unsigned(reserved_)
+                                       << " checksum=" << checksum << " length=" << length_ << ">");
+  return 4;
+}
+
+Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType) { return new Message(pimMessageType); }
+
+}  // namespace Routing::Pim::Packet

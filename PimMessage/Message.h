@@ -1,0 +1,84 @@
+#pragma once
+// The base of every PIM message of the codec: the common header's fields, the address pair an
+// IPv6 checksum depends on, and the operations that read and write the 4-byte header.
+//
+// Codec conventions: read and write operations take the packet and the offset of what they read
+// or write, and return the number of bytes read or written; 0 means failure. Each failure is
+// traced once at level 1 under the unit "PimMessage" with a fixed text and the offending value.
+#include <ostream>
+
+#include "knet/Address.h"
+#include "knet/Pkt.h"
+#include "loom/Entity.h"
+#include "loom/LogMessage.h"
+#include "loom/Trace.h"
+
+namespace Routing::Pim::Packet {
+
+// The trace unit of the codec.
+Loom::TraceUnit& traceUnit();
+
+#define PIM_TRACE(lvl, expr) LOOM_TRACE(::Routing::Pim::Packet::traceUnit(), lvl, expr)
+
+// Trace levels of the codec.
+enum TraceLevel : int {
+  traceError = 1,
+  traceSummary = 3,
+  traceDetail = 4,
+  traceWarning = 5,
+  traceFilter = 6,
+  tracePacking = 7,
+  traceEntry = 8,
+};
+
+class Message : public Loom::Entity {
+ public:
+  explicit Message(Knet::PimMessageType pimMessageType);
+
+  Knet::PimMessageType pimMessageType() const { return pimMessageType_; }
+  void pimMessageTypeIs(Knet::PimMessageType v) { pimMessageType_ = v; }
+  U8 messageSubtype() const { return messageSubtype_; }
+  void messageSubtypeIs(U8 v) { messageSubtype_ = v; }
+  U8 reserved() const { return reserved_; }
+  void reservedIs(U8 v) { reserved_ = v; }
+  U32 length() const { return length_; }
+  void lengthIs(U32 v) { length_ = v; }
+  const Knet::IpGenAddr& srcIp() const { return srcIp_; }
+  void srcIpIs(const Knet::IpGenAddr& v) { srcIp_ = v; }
+  const Knet::IpGenAddr& dstIp() const { return dstIp_; }
+  void dstIpIs(const Knet::IpGenAddr& v) { dstIp_ = v; }
+
+  // The PIM type number, 0 to 15.
+  U8 messageType() const { return pimMessageType_.type(); }
+  // The family of srcIp if set, else that of dstIp.
+  Knet::AddressFamily af() const;
+  U32 getMsgLength() const { return length_; }
+
+  // Checks and reads the header at offset: 4 on success, 0 on failure.
+  U32 readHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
+  // Writes the header at offset with the checksum over the body already written: 4 or 0.
+  U32 writeHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
+
+  // The message text of traces; each message class extends it.
+  virtual void print(std::ostream& os) const;
+
+ private:
+  Knet::PimMessageType pimMessageType_;
+  U8 messageSubtype_ = 255;
+  U8 reserved_ = 0;
+  U32 length_ = 0;
+  Knet::IpGenAddr srcIp_;
+  Knet::IpGenAddr dstIp_;
+};
+
+Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType);
+
+std::ostream& operator<<(std::ostream& os, const Message* m);
+
+// Log messages that the codec raises.
+extern Loom::LogMessage PIMBSR_CRPADV_ZONE_SET;
+extern Loom::LogMessage PIM_MESSAGE_INVALID_ENCODED_SOURCE;
+extern Loom::LogMessage PIM_MESSAGE_INVALID_ENCODED_GROUP;
+extern Loom::LogMessage PIM_MESSAGE_AF_MISMATCH;
+
+}  // namespace Routing::Pim::Packet

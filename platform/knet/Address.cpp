@@ -1,0 +1,169 @@
+#include "knet/Address.h"
+
+#include <arpa/inet.h>
+
+#include <charconv>
+
+#include "loom/Exception.h"
+
+namespace Knet {
+
+std::ostream& operator<<(std::ostream& os, AddressFamily af) {
+  switch (af) {
+    case AddressFamily::ipv4: return os << "ipv4";
+    case AddressFamily::ipv6: return os << "ipv6";
+    default: return os << "ipUnknown(" << static_cast<unsigned>(af) << ")";
+  }
+}
+
+IpGenAddr IpGenAddr::ipv4(U32 hostOrder) {
+  IpGenAddr a;
+  a.af_ = AddressFamily::ipv4;
+  a.bytes_[0] = hostOrder >> 24;
+  a.bytes_[1] = hostOrder >> 16;
+  a.bytes_[2] = hostOrder >> 8;
+  a.bytes_[3] = hostOrder;
+  return a;
+}
+
+IpGenAddr IpGenAddr::fromBytes(AddressFamily af, const U8* bytes) {
+  IpGenAddr a;
+  a.af_ = af;
+  if (af == AddressFamily::ipv4) {
+    std::memcpy(a.bytes_.data(), bytes, 4);
+  } else if (af == AddressFamily::ipv6) {
+    std::memcpy(a.bytes_.data(), bytes, 16);
+  } else {
+    a.af_ = AddressFamily::ipUnknown;
+  }
+  return a;
+}
+
+std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) {
+  char buf[INET6_ADDRSTRLEN + 1];
+  if (text.empty() || text.size() >= sizeof(buf)) return std::nullopt;
+  std::memcpy(buf, text.data(), text.size());
+  buf[text.size()] = 0;
+  U8 bytes[16];
+  if (inet_pton(AF_INET, buf, bytes) == 1) return fromBytes(AddressFamily::ipv4, bytes);
+  if (inet_pton(AF_INET6, buf, bytes) == 1) return fromBytes(AddressFamily::ipv6, bytes);
+  return std::nullopt;
+}
+
+U32 IpGenAddr::byteLength() const {
+  switch (af_) {
+    case AddressFamily::ipv4: return 4;
+    case AddressFamily::ipv6: return 16;
+    default: return 0;
+  }
+}
+
+U32 IpGenAddr::v4() const {
+  if (af_ != AddressFamily::ipv4) return 0;
+  return U32(bytes_[0]) << 24 | U32(bytes_[1]) << 16 | U32(bytes_[2]) << 8 | bytes_[3];
+}
+
+bool IpGenAddr::isMulticast() const {
+  if (af_ == AddressFamily::ipv4) return (bytes_[0] & 0xf0) == 0xe0;
+  if (af_ == AddressFamily::ipv6) return bytes_[0] == 0xff;
+  return false;
+}
+
+bool IpGenAddr::isZero() const {
+  for (U8 b : bytes_) {
+    if (b) return false;
+  }
+  return true;
+}
+
+bool IpGenAddr::isLinkLocal() const {
+  if (af_ == AddressFamily::ipv4) return bytes_[0] == 169 && bytes_[1] == 254;
+  if (af_ == AddressFamily::ipv6) return bytes_[0] == 0xfe && (bytes_[1] & 0xc0) == 0x80;
+  return false;
+}
+
+std::string IpGenAddr::str() const {
+  char buf[INET6_ADDRSTRLEN];
+  if (af_ == AddressFamily::ipv4) return inet_ntop(AF_INET, bytes_.data(), buf, sizeof(buf));
+  if (af_ == AddressFamily::ipv6) return inet_ntop(AF_INET6, bytes_.data(), buf, sizeof(buf));
+  return "unset";
+}
+
+std::ostream& operator<<(std::ostream& os, const IpGenAddr& a) { return os << a.str(); }
+
+U8 IpGenPrefix::maxLength(AddressFamily af) {
+  switch (af) {
+    case AddressFamily::ipv4: return 32;
+    case AddressFamily::ipv6: return 128;
+    default: return 0;
+  }
+}
+
+IpGenPrefix::IpGenPrefix(const IpGenAddr& address, U8 length) : address_(address), length_(length) {
+  if (length > maxLength(address.af())) {
+    throw Loom::RangeException("IpGenPrefix: length " + std::to_string(length) + " exceeds " +
+                               std::to_string(maxLength(address.af())) + " for " + address.str());
+  }
+}
+
+std::optional<IpGenPrefix> IpGenPrefix::parse(std::string_view text) {
+  size_t slash = text.find('/');
+  if (slash == std::string_view::npos) return std::nullopt;
+  auto addr = IpGenAddr::parse(text.substr(0, slash));
+  if (!addr) return std::nullopt;
+  std::string_view num = text.substr(slash + 1);
+  unsigned len = 0;
+  auto [p, ec] = std::from_chars(num.data(), num.data() + num.size(), len);
+  if (ec != std::errc() || p != num.data() + num.size() || num.empty() || len > 255) return std::nullopt;
+  return IpGenPrefix(*addr, static_cast<U8>(len));
+}
+
+bool IpGenPrefix::contains(const IpGenAddr& addr) const {
+  if (addr.af() != af()) return false;
+  U32 full = length_ / 8;
+  if (std::memcmp(addr.bytes(), address_.bytes(), full) != 0) return false;
+  U32 rest = length_ % 8;
+  if (rest == 0) return true;
+  U8 mask = static_cast<U8>(0xff << (8 - rest));
+  return (addr.bytes()[full] & mask) == (address_.bytes()[full] & mask);
+}
+
+std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p) {
+  return os << p.address() << '/' << static_cast<unsigned>(p.length());
+}
+
+std::ostream& operator<<(std::ostream& os, const IntfId& id) {
+  return os << (id.isEmpty() ? "<none>" : id.name());
+}
+
+namespace {
+constexpr const char* kTypeNames[16] = {
+    "hello",     "register", "registerStop",   "joinPrune",    "bootstrap", "assert",
+    "graft",     "graftAck", "candidateRpAdv", "stateRefresh", "dfElection", nullptr,
+    nullptr,     nullptr,    nullptr,          nullptr};
+}
+
+const char* PimMessageType::name() const {
+  const char* n = kTypeNames[type()];
+  return n ? n : "unknown";
+}
+
+std::ostream& operator<<(std::ostream& os, PimMessageType t) { return os << t.name(); }
+
+std::optional<PimMessageType> pimMessageTypeFromName(std::string_view name) {
+  for (U8 i = 0; i < 16; ++i) {
+    if (kTypeNames[i] && name == kTypeNames[i]) return PimMessageType(0x20 | i);
+  }
+  return std::nullopt;
+}
+
+const IpGenAddr& allPimRouters(AddressFamily af) {
+  static const IpGenAddr v4 = IpGenAddr::ipv4(0xe000000d);
+  static const IpGenAddr v6 = *IpGenAddr::parse("ff02::d");
+  static const IpGenAddr none;
+  if (af == AddressFamily::ipv4) return v4;
+  if (af == AddressFamily::ipv6) return v6;
+  return none;
+}
+
+}  // namespace Knet

@@ -1,0 +1,148 @@
+#pragma once
+// Network value types: address family, generic IPv4/IPv6 address and prefix, interface id, PIM
+// message type.
+#include <array>
+#include <compare>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "loom/Types.h"
+
+namespace Knet {
+
+// Address families carry the IANA numbers that PIM also puts on the wire.
+enum class AddressFamily : U8 { ipUnknown = 0, ipv4 = 1, ipv6 = 2 };
+std::ostream& operator<<(std::ostream& os, AddressFamily af);
+
+// An IPv4 or IPv6 address tagged with its family, or unset (family ipUnknown, all zero).
+class IpGenAddr {
+ public:
+  IpGenAddr() = default;
+  // IPv4 address from a host-order number (0x0a000001 is 10.0.0.1).
+  static IpGenAddr ipv4(U32 hostOrder);
+  // Address of the given family from its network-order bytes (4 or 16 of them).
+  static IpGenAddr fromBytes(AddressFamily af, const U8* bytes);
+  // Parses dotted IPv4 or textual IPv6; nullopt when the text is neither.
+  static std::optional<IpGenAddr> parse(std::string_view text);
+
+  AddressFamily af() const { return af_; }
+  bool isSet() const { return af_ != AddressFamily::ipUnknown; }
+  // 4 for IPv4, 16 for IPv6, 0 when unset.
+  U32 byteLength() const;
+  const U8* bytes() const { return bytes_.data(); }
+  // The IPv4 address as a host-order number (0 for other families).
+  U32 v4() const;
+  bool isMulticast() const;
+  bool isZero() const;
+  bool isLinkLocal() const;
+  std::string str() const;
+
+  friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
+  friend std::strong_ordering operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
+
+ private:
+  AddressFamily af_ = AddressFamily::ipUnknown;
+  std::array<U8, 16> bytes_{};
+};
+std::ostream& operator<<(std::ostream& os, const IpGenAddr& a);
+
+// An address with a prefix length. A length beyond the family's width raises
+// Loom::RangeException. The address is kept as given (host bits are not cleared).
+class IpGenPrefix {
+ public:
+  IpGenPrefix() = default;
+  IpGenPrefix(const IpGenAddr& address, U8 length);
+  // "addr/len"; nullopt on bad text, a bad length raises as the constructor does.
+  static std::optional<IpGenPrefix> parse(std::string_view text);
+
+  AddressFamily af() const { return address_.af(); }
+  const IpGenAddr& address() const { return address_; }
+  U8 length() const { return length_; }
+  static U8 maxLength(AddressFamily af);
+  bool isHostPrefix() const { return af() != AddressFamily::ipUnknown && length_ == maxLength(af()); }
+  // True if addr lies inside this prefix (same family, leading `length` bits equal).
+  bool contains(const IpGenAddr& addr) const;
+
+  friend bool operator==(const IpGenPrefix&, const IpGenPrefix&) = default;
+  friend std::strong_ordering operator<=>(const IpGenPrefix&, const IpGenPrefix&) = default;
+
+ private:
+  IpGenAddr address_;
+  U8 length_ = 0;
+};
+std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p);
+
+// The platform's interface identifier: the interface name. The empty id means "no interface"
+// and stands for totals.
+class IntfId {
+ public:
+  IntfId() = default;
+  explicit IntfId(std::string name) : name_(std::move(name)) {}
+  static const IntfId& empty() {
+    static const IntfId e;
+    return e;
+  }
+  bool isEmpty() const { return name_.empty(); }
+  const std::string& name() const { return name_; }
+  friend bool operator==(const IntfId&, const IntfId&) = default;
+  friend auto operator<=>(const IntfId&, const IntfId&) = default;
+
+ private:
+  std::string name_;
+};
+std::ostream& operator<<(std::ostream& os, const IntfId& id);
+
+// The whole first byte of a PIM header: version in the high nibble, type in the low nibble.
+class PimMessageType {
+ public:
+  constexpr PimMessageType() = default;
+  constexpr explicit PimMessageType(U8 value) : value_(value) {}
+  constexpr U8 value() const { return value_; }
+  constexpr U8 version() const { return value_ >> 4; }
+  constexpr U8 type() const { return value_ & 0x0f; }
+  // Name of the type number ("hello", "joinPrune", ...), "unknown" for numbers without one.
+  const char* name() const;
+  friend constexpr bool operator==(PimMessageType, PimMessageType) = default;
+
+ private:
+  U8 value_ = 0;
+};
+std::ostream& operator<<(std::ostream& os, PimMessageType t);
+// Type from a name as name() gives it; nullopt for an unknown name.
+std::optional<PimMessageType> pimMessageTypeFromName(std::string_view name);
+
+constexpr PimMessageType pimHello() { return PimMessageType(0x20); }
+constexpr PimMessageType pimRegister() { return PimMessageType(0x21); }
+constexpr PimMessageType pimRegisterStop() { return PimMessageType(0x22); }
+constexpr PimMessageType pimJoinPrune() { return PimMessageType(0x23); }
+constexpr PimMessageType pimBootstrap() { return PimMessageType(0x24); }
+constexpr PimMessageType pimAssert() { return PimMessageType(0x25); }
+constexpr PimMessageType pimGraft() { return PimMessageType(0x26); }
+constexpr PimMessageType pimGraftAck() { return PimMessageType(0x27); }
+constexpr PimMessageType pimCandidateRpAdvertisement() { return PimMessageType(0x28); }
+constexpr PimMessageType pimStateRefresh() { return PimMessageType(0x29); }
+constexpr PimMessageType pimDfElection() { return PimMessageType(0x2A); }
+
+// ALL-PIM-ROUTERS: 224.0.0.13 and ff02::d.
+const IpGenAddr& allPimRouters(AddressFamily af);
+
+}  // namespace Knet
+
+template <>
+struct std::hash<Knet::IpGenAddr> {
+  size_t operator()(const Knet::IpGenAddr& a) const noexcept {
+    U64 lo, hi;
+    std::memcpy(&lo, a.bytes(), 8);
+    std::memcpy(&hi, a.bytes() + 8, 8);
+    return std::hash<U64>()(lo * 0x9e3779b97f4a7c15ULL ^ hi ^ static_cast<U64>(a.af()));
+  }
+};
+
+template <>
+struct std::hash<Knet::IntfId> {
+  size_t operator()(const Knet::IntfId& i) const noexcept { return std::hash<std::string>()(i.name()); }
+};

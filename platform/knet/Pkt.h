@@ -1,0 +1,63 @@
+#pragma once
+// Packet buffers. A Pkt is a window (head offset, size) on a reference-counted byte buffer with
+// room in front for headers added later. Several Pkts may share one buffer (sharedPkt()); the
+// first write through a shared Pkt should call dataUniqueIs() to get bytes of its own.
+#include <cstring>
+#include <memory>
+#include <span>
+
+#include "loom/Ptr.h"
+
+namespace Knet {
+
+class PktBuffer : public Loom::PtrInterface {
+ public:
+  explicit PktBuffer(U32 capacity) : bytes_(new U8[capacity]()), capacity_(capacity) {}
+  U8* bytes() { return bytes_.get(); }
+  const U8* bytes() const { return bytes_.get(); }
+  U32 capacity() const { return capacity_; }
+
+ private:
+  std::unique_ptr<U8[]> bytes_;
+  U32 capacity_;
+};
+
+class Pkt : public Loom::PtrInterface {
+ public:
+  static constexpr U32 defaultHeadRoom = 64;
+
+  Pkt(U32 size, U32 headRoom);
+  Pkt(const Loom::Ptr<PktBuffer>& buffer, U32 head, U32 size) : buf_(buffer), head_(head), size_(size) {}
+
+  U32 size() const { return size_; }
+  U8* data() { return buf_->bytes() + head_; }
+  const U8* data() const { return buf_->bytes() + head_; }
+  std::span<const U8> bytes() const { return {data(), size_}; }
+  U32 headRoom() const { return head_; }
+  U32 tailRoom() const { return buf_->capacity() - head_ - size_; }
+
+  // Puts n zero bytes in front of the data (a header to be filled in). Moves the data into a
+  // larger buffer if the head room is short or the buffer is shared.
+  void headAdd(U32 n);
+  // Removes n bytes from the front (n at most size()).
+  void headDel(U32 n);
+  // Cuts the packet to n bytes, or extends it with zero bytes.
+  void sizeIs(U32 n);
+
+  bool dataShared() const { return buf_->references() > 1; }
+  // A new Pkt over the same bytes: no copy.
+  Loom::Ptr<Pkt> sharedPkt() const { return new Pkt(buf_, head_, size_); }
+  // Gives this Pkt bytes of its own if they are shared.
+  void dataUniqueIs();
+
+ private:
+  void reallocate(U32 headRoom, U32 tailRoom);
+  Loom::Ptr<PktBuffer> buf_;
+  U32 head_;
+  U32 size_;
+};
+
+Loom::Ptr<Pkt> pktFactory(U32 size, U32 headRoom = Pkt::defaultHeadRoom);
+Loom::Ptr<Pkt> pktFactory(std::span<const U8> bytes, U32 headRoom = Pkt::defaultHeadRoom);
+
+}  // namespace Knet
