@@ -1,0 +1,220 @@
+// The common header: length test, checksum rules of both families and the Register exception.
+#include "PimMessage/Message.h"
+
+#include "support/CodecTest.h"
+
+namespace Routing::Pim::Packet {
+namespace {
+
+using namespace PimTest;
+
+const Knet::IpGenAddr v4Src = ip("10.0.0.1");
+const Knet::IpGenAddr v4Dst = ip("224.0.0.13");
+const Knet::IpGenAddr v6Src = ip("fe80::1");
+const Knet::IpGenAddr v6Dst = ip("ff02::d");
+
+Loom::Ptr<Message> message(Knet::PimMessageType t, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst) {
+  auto m = messageFactory(t);
+  m->srcIpIs(src);
+  m->dstIpIs(dst);
+  return m;
+}
+
+// A Register: header, flags word, then a 28-byte inner IPv4/UDP packet.
+Bytes registerPacket() {
+  return {0x21, 0x00, 0x00, 0x00,                          // Register, checksum to fill in
+          0x40, 0x00, 0x00, 0x00,                          // flags: N bit
+          0x45, 0x00, 0x00, 0x1c, 0x00, 0x00, 0x00, 0x00,  // inner IPv4 header
+          0x40, 0x11, 0x00, 0x00, 0x01, 0x01, 0x01, 0x01,  //   ...
+          0xe0, 0x01, 0x01, 0x01,                          //   destination 224.1.1.1
+          0, 0, 0, 0, 0, 0, 0, 0};                         // inner UDP header
+}
+
+TEST(MessageHeader, GoldenIpv4HeaderOnly) {
+  // Version 2, type 0 (Hello), reserved 0, checksum 0xdfff over the four bytes.
+  const Bytes b = {0x20, 0x00, 0xdf, 0xff};
+  auto m = message(Knet::pimHello(), v4Src, v4Dst);
+  Loom::TraceCapture cap(1);
+  EXPECT_EQ(m->readHeader(pkt(b), 0), 4u);
+  EXPECT_TRUE(errors(cap).empty()) << firstError(cap);
+  EXPECT_EQ(m->length(), 4u);
+  EXPECT_EQ(m->reserved(), 0);
+  EXPECT_EQ(m->messageType(), 0);
+}
+
+TEST(MessageHeader, TooShortAtEveryLength) {
+  const Bytes b = {0x20, 0x00, 0xdf, 0xff};
+  struct Case {
+    U32 size, offset;
+    const char* text;
+  };
+  const Case cases[] = {
+      {0, 0, "Invalid Pim Message - Missing Pim Header - Remaining: 0"},
+      {1, 0, "Invalid Pim Message - Missing Pim Header - Remaining: 1"},
+      {3, 0, "Invalid Pim Message - Missing Pim Header - Remaining: 3"},
+      {4, 2, "Invalid Pim Message - Missing Pim Header - Remaining: 2"},
+      {4, 6, "Invalid Pim Message - Missing Pim Header - Remaining: -2"},
+  };
+  for (const Case& c : cases) {
+    auto m = message(Knet::pimHello(), v4Src, v4Dst);
+    Loom::TraceCapture cap(1);
+    EXPECT_EQ(m->readHeader(pkt(Bytes(b.begin(), b.begin() + c.size)), c.offset), 0u) << c.text;
+    EXPECT_EQ(errors(cap), std::vector<std::string>{c.text});
+  }
+}
+
+TEST(MessageHeader, ChecksumRejectsAndQuotesBothValues) {
+  // Stored 0x1234 (4660); the sum over 0x2000 and 0x1234 complements to 0xcdcb (52683).
+  const Bytes b = {0x20, 0x00, 0x12, 0x34};
+  auto m = message(Knet::pimHello(), v4Src, v4Dst);
+  Loom::TraceCapture cap(1);
+  EXPECT_EQ(m->readHeader(pkt(b), 0), 0u);
+  EXPECT_EQ(firstError(cap), "Invalid Pim Message - Checksum - Received: 4660 Calculated: 52683");
+}
+
+TEST(MessageHeader, ReadAtOffsetCoversOnlyTheMessage) {
+  const Bytes b = {0xde, 0xad, 0xbe, 0xef, 0x20, 0x07, 0xdf, 0xf8};  // junk, then a Hello with reserved 7
+  auto m = message(Knet::pimHello(), v4Src, v4Dst);
+  EXPECT_EQ(m->readHeader(pkt(b), 4), 4u);
+  EXPECT_EQ(m->reserved(), 7);
+  EXPECT_EQ(m->length(), 4u);
+}
+
+TEST(MessageHeader, RegisterChecksumRules) {
+  struct Case {
+    const char* name;
+    Knet::IpGenAddr src, dst;
+    size_t covered;  // 0: whole packet; SIZE_MAX: a wrong checksum
+    const char* error;
+  };
+  const Case cases[] = {
+      {"v4 header and flags", v4Src, ip("10.0.0.2"), 8, nullptr},
+      {"v4 whole packet", v4Src, ip("10.0.0.2"), 0, nullptr},
+      {"v4 wrong", v4Src, ip("10.0.0.2"), SIZE_MAX, "Invalid Pim Message - Register Checksum - Received: "},
+      {"v6 header and flags", ip("2001:db8::1"), ip("2001:db8::2"), 8, nullptr},
+      {"v6 whole packet", ip("2001:db8::1"), ip("2001:db8::2"), 0, nullptr},
+      {"v6 wrong", ip("2001:db8::1"), ip("2001:db8::2"), SIZE_MAX,
+       "Invalid Pim Message - Register Checksum - Received: "},
+  };
+  for (const Case& c : cases) {
+    Bytes b = registerPacket();
+    fixChecksum(b, c.src, c.dst, c.covered == SIZE_MAX ? 8 : c.covered);
+    if (c.covered == SIZE_MAX) b[3] ^= 0x01;
+    auto m = message(Knet::pimRegister(), c.src, c.dst);
+    Loom::TraceCapture cap(1);
+    const U32 n = m->readHeader(pkt(b), 0);
+    if (c.error) {
+      EXPECT_EQ(n, 0u) << c.name;
+      EXPECT_TRUE(startsWith(firstError(cap), c.error)) << c.name << ": " << firstError(cap);
+    } else {
+      EXPECT_EQ(n, 4u) << c.name << ": " << firstError(cap);
+      EXPECT_EQ(m->length(), 8u) << c.name;
+    }
+  }
+}
+
+TEST(MessageHeader, Ipv6ChecksumCoversThePseudoHeader) {
+  Bytes b = {0x20, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x00, 0x69};
+  fixChecksum(b, v6Src, v6Dst);
+  auto ok = message(Knet::pimHello(), v6Src, v6Dst);
+  EXPECT_EQ(ok->readHeader(pkt(b), 0), 4u);
+  // The same bytes from another source fail: the source address is part of the sum.
+  auto other = message(Knet::pimHello(), ip("fe80::2"), v6Dst);
+  Loom::TraceCapture cap(1);
+  EXPECT_EQ(other->readHeader(pkt(b), 0), 0u);
+  EXPECT_TRUE(startsWith(firstError(cap), "Invalid Pim Message - Checksum - Received: ")) << firstError(cap);
+}
+
+TEST(MessageHeader, NoFamilyFailsBothWays) {
+  const Bytes b = {0x20, 0x00, 0xdf, 0xff};
+  auto m = messageFactory(Knet::pimHello());
+  {
+    Loom::TraceCapture cap(1);
+    EXPECT_EQ(m->readHeader(pkt(b), 0), 0u);
+    EXPECT_EQ(firstError(cap), "Invalid address family");
+  }
+  {
+    Loom::TraceCapture cap(1);
+    m->lengthIs(4);
+    EXPECT_EQ(m->writeHeader(pkt(Bytes(4)), 0), 0u);
+    EXPECT_EQ(firstError(cap), "Invalid address family");
+  }
+}
+
+TEST(MessageHeader, WriteChecksumVerifiesWithTheReferenceSum) {
+  struct Case {
+    Knet::PimMessageType type;
+    Knet::IpGenAddr src, dst;
+    size_t covered;
+  };
+  const Case cases[] = {
+      {Knet::pimHello(), v4Src, v4Dst, 0},
+      {Knet::pimHello(), v6Src, v6Dst, 0},
+      {Knet::pimRegister(), v4Src, ip("10.9.9.9"), 8},
+      {Knet::pimRegister(), ip("2001:db8::1"), ip("2001:db8::9"), 8},
+  };
+  for (const Case& c : cases) {
+    Bytes body = registerPacket();
+    auto p = pkt(body);
+    auto m = message(c.type, c.src, c.dst);
+    m->reservedIs(0x5a);
+    m->lengthIs(c.covered ? 8 : p->size());
+    ASSERT_EQ(m->writeHeader(p, 0), 4u);
+    Bytes written(p->data(), p->data() + p->size());
+    EXPECT_EQ(written[0], c.type.value());
+    EXPECT_EQ(written[1], 0x5a);
+    Bytes expected = written;
+    fixChecksum(expected, c.src, c.dst, c.covered);
+    EXPECT_EQ(written, expected) << c.type << " from " << c.src;
+    // And it reads back.
+    auto back = message(c.type, c.src, c.dst);
+    EXPECT_EQ(back->readHeader(p, 0), 4u);
+    EXPECT_EQ(back->reserved(), 0x5a);
+  }
+}
+
+TEST(MessageHeader, WriteNeedsFourBytes) {
+  auto m = message(Knet::pimHello(), v4Src, v4Dst);
+  Loom::TraceCapture cap(1);
+  EXPECT_EQ(m->writeHeader(pkt(Bytes(5)), 2), 0u);
+  EXPECT_EQ(firstError(cap), "Invalid Pim Message - Header - Unavailable Space - Remaining: 3");
+}
+
+TEST(Message, DefaultsAndDerivedValues) {
+  auto m = messageFactory(Knet::pimDfElection());
+  EXPECT_EQ(m->messageType(), 10);
+  EXPECT_EQ(m->messageSubtype(), 255);
+  EXPECT_EQ(m->reserved(), 0);
+  EXPECT_EQ(m->getMsgLength(), 0u);
+  EXPECT_EQ(m->af(), Knet::AddressFamily::ipUnknown);
+  m->dstIpIs(v6Dst);
+  EXPECT_EQ(m->af(), Knet::AddressFamily::ipv6);
+  m->srcIpIs(v4Src);  // the source's family wins
+  EXPECT_EQ(m->af(), Knet::AddressFamily::ipv4);
+  std::ostringstream os;
+  os << m.ptr();
+  EXPECT_EQ(os.str(), "type=dfElection");
+}
+
+TEST(Message, CodecLogMessagesAreRegistered) {
+  struct Case {
+    const char* name;
+    int severity;
+    double interval;
+  };
+  const Case cases[] = {{"PIMBSR_CRPADV_ZONE_SET", 6, 60.0},
+                        {"PIM_MESSAGE_INVALID_ENCODED_SOURCE", 4, 0.0},
+                        {"PIM_MESSAGE_INVALID_ENCODED_GROUP", 4, 0.0},
+                        {"PIM_MESSAGE_AF_MISMATCH", 4, 0.0}};
+  for (const Case& c : cases) {
+    const Loom::LogMessage* m = Loom::logMessage(c.name);
+    ASSERT_NE(m, nullptr) << c.name;
+    EXPECT_EQ(m->severity(), c.severity) << c.name;
+    EXPECT_EQ(m->interval(), c.interval) << c.name;
+  }
+  EXPECT_EQ(PIM_MESSAGE_AF_MISMATCH.text({"IPv4", "Join/Prune", "IPv6"}),
+            "Attempted to send IPv4 Join/Prune message with IPv6 address in the message");
+}
+
+}  // namespace
+}  // namespace Routing::Pim::Packet

@@ -1,0 +1,125 @@
+// Packet buffers and the bounds-checked cursors.
+#include "knet/Pkt.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "knet/Cursor.h"
+#include "knet/IpHdr.h"
+
+namespace Knet {
+namespace {
+
+std::vector<U8> bytesOf(const Pkt& p) { return {p.data(), p.data() + p.size()}; }
+
+TEST(Pkt, HeadRoomAddAndRemove) {
+  auto p = pktFactory(std::vector<U8>{1, 2, 3, 4}, 8);
+  EXPECT_EQ(p->headRoom(), 8u);
+  p->headAdd(8);  // fits the head room: no move
+  EXPECT_EQ(p->headRoom(), 0u);
+  EXPECT_EQ(bytesOf(*p), (std::vector<U8>{0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4}));
+  p->data()[0] = 0x45;
+  p->headAdd(20);  // beyond the head room: moved into a larger buffer, bytes kept
+  EXPECT_EQ(p->size(), 32u);
+  EXPECT_EQ(p->data()[20], 0x45);
+  EXPECT_EQ(p->data()[31], 4);
+  p->headDel(28);
+  EXPECT_EQ(bytesOf(*p), (std::vector<U8>{1, 2, 3, 4}));
+}
+
+TEST(Pkt, CutAndExtend) {
+  auto p = pktFactory(std::vector<U8>{1, 2, 3, 4, 5});
+  p->sizeIs(2);
+  EXPECT_EQ(bytesOf(*p), (std::vector<U8>{1, 2}));
+  p->sizeIs(4);  // extension is zero-filled, not the old bytes
+  EXPECT_EQ(bytesOf(*p), (std::vector<U8>{1, 2, 0, 0}));
+  p->sizeIs(1000);
+  EXPECT_EQ(p->size(), 1000u);
+  EXPECT_EQ(p->data()[1], 2);
+}
+
+TEST(Pkt, SharedDataIsNotCopiedUntilMadeUnique) {
+  auto p = pktFactory(std::vector<U8>{1, 2, 3, 4});
+  auto q = p->sharedPkt();
+  EXPECT_TRUE(p->dataShared());
+  EXPECT_EQ(p->data(), q->data());
+  q->headDel(2);
+  EXPECT_EQ(q->data(), p->data() + 2);
+  q->dataUniqueIs();
+  EXPECT_FALSE(q->dataShared());
+  EXPECT_FALSE(p->dataShared());
+  q->data()[0] = 9;
+  EXPECT_EQ(p->data()[2], 3);  // the original is untouched
+  // Adding a header in front of shared data must not write into the other packet's bytes.
+  auto r = p->sharedPkt();
+  r->headDel(2);
+  r->headAdd(2);
+  EXPECT_EQ(p->data()[0], 1);
+}
+
+TEST(Cursor, ReadsBigEndianAndRefusesToOverrun) {
+  const std::vector<U8> b = {0x12, 0x34, 0x56, 0x78, 0x9a};
+  PktReader r(b.data(), 5, 0);
+  EXPECT_EQ(r.readU16Be(), 0x1234);
+  EXPECT_EQ(r.readU16Be(), 0x5678);
+  EXPECT_FALSE(r.overrun());
+  EXPECT_EQ(r.readU32Be(), 0u);  // one byte left: refused, position kept
+  EXPECT_TRUE(r.overrun());
+  EXPECT_EQ(r.remaining(), 1);
+  EXPECT_EQ(r.readU8(), 0x9a);
+  r.skip(3);
+  EXPECT_EQ(r.remaining(), -3);
+  EXPECT_EQ(r.readU8(), 0);
+  PktReader a(b.data(), 5, 1);
+  EXPECT_FALSE(a.readAddress(AddressFamily::ipv6).isSet());
+  EXPECT_EQ(a.readAddress(AddressFamily::ipv4).str(), "52.86.120.154");
+}
+
+TEST(Cursor, WritesBigEndianAndRefusesToOverrun) {
+  std::vector<U8> b(7);
+  PktWriter w(b.data(), 7, 1);
+  EXPECT_TRUE(w.writeU32Be(0xdeadbeef));
+  EXPECT_FALSE(w.writeU32Be(1));
+  EXPECT_TRUE(w.overrun());
+  EXPECT_TRUE(w.writeU16Be(0x0102));
+  EXPECT_TRUE(w.patchU16Be(1, 0xcafe));
+  EXPECT_FALSE(w.patchU16Be(6, 0));
+  EXPECT_EQ(b, (std::vector<U8>{0, 0xca, 0xfe, 0xbe, 0xef, 0x01, 0x02}));
+}
+
+TEST(IpHdr, WriteThenReadBack) {
+  std::vector<U8> b(IpHdr::minSize);
+  const auto src = *IpGenAddr::parse("10.0.0.1");
+  const auto dst = *IpGenAddr::parse("224.0.0.13");
+  IpHdr::write(b.data(), 192, 30, 1, 103, src, dst);
+  IpHdr h(b.data(), static_cast<U32>(b.size()));
+  EXPECT_TRUE(h.valid());
+  EXPECT_EQ(h.tos(), 192);
+  EXPECT_EQ(h.totalLength(), 30);
+  EXPECT_EQ(h.ttl(), 1);
+  EXPECT_EQ(h.protocol(), 103);
+  EXPECT_EQ(h.src(), src);
+  EXPECT_EQ(h.dst(), dst);
+  EXPECT_EQ(h.computedChecksum(), 0);
+  EXPECT_FALSE(IpHdr(b.data(), 19).valid());
+  b[0] = 0x44;  // header length 16
+  EXPECT_FALSE(IpHdr(b.data(), 20).valid());
+
+  std::vector<U8> c(Ip6Hdr::size);
+  const auto src6 = *IpGenAddr::parse("fe80::1");
+  const auto dst6 = *IpGenAddr::parse("ff02::d");
+  Ip6Hdr::write(c.data(), 192, 30, 103, 1, src6, dst6);
+  Ip6Hdr h6(c.data(), static_cast<U32>(c.size()));
+  EXPECT_TRUE(h6.valid());
+  EXPECT_EQ(h6.trafficClass(), 192);
+  EXPECT_EQ(h6.flowLabel(), 0u);
+  EXPECT_EQ(h6.payloadLength(), 30);
+  EXPECT_EQ(h6.nextHeader(), 103);
+  EXPECT_EQ(h6.hopLimit(), 1);
+  EXPECT_EQ(h6.src(), src6);
+  EXPECT_EQ(h6.dst(), dst6);
+}
+
+}  // namespace
+}  // namespace Knet

@@ -1,0 +1,102 @@
+#pragma once
+// Helpers shared by the codec tests: packets from byte arrays, checksums computed independently
+// of the code under test, and truncation at every prefix length.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "knet/Address.h"
+#include "knet/Checksum.h"
+#include "knet/Pkt.h"
+#include "loom/Trace.h"
+
+namespace PimTest {
+
+using Bytes = std::vector<U8>;
+
+inline Loom::Ptr<Knet::Pkt> pkt(const Bytes& b) { return Knet::pktFactory(b); }
+
+inline Knet::IpGenAddr ip(const char* text) {
+  auto a = Knet::IpGenAddr::parse(text);
+  EXPECT_TRUE(a.has_value()) << text;
+  return a.value_or(Knet::IpGenAddr());
+}
+
+// Stores the right PIM checksum in bytes 2-3, computed with the plain word-by-word sum (the
+// reference, not the fast sum that the codec uses). For IPv6 the pseudo-header is included.
+inline void fixChecksum(Bytes& b, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst, size_t covered = 0) {
+  if (covered == 0 || covered > b.size()) covered = b.size();
+  b[2] = b[3] = 0;
+  U32 partial = 0;
+  if (src.af() == Knet::AddressFamily::ipv6) {
+    Bytes ph(src.bytes(), src.bytes() + 16);
+    ph.insert(ph.end(), dst.bytes(), dst.bytes() + 16);
+    U32 len = static_cast<U32>(covered);
+    Bytes tail = {U8(len >> 24), U8(len >> 16), U8(len >> 8), U8(len), 0, 0, 0, 103};
+    ph.insert(ph.end(), tail.begin(), tail.end());
+    partial = Knet::onesComplementSumByWord(ph.data(), ph.size());
+  }
+  U16 sum = static_cast<U16>(~Knet::onesComplementSumByWord(b.data(), covered, partial));
+  b[2] = static_cast<U8>(sum >> 8);
+  b[3] = static_cast<U8>(sum);
+}
+
+// The failure texts of a capture: level-1 lines without the write diagnostic.
+inline std::vector<std::string> errors(const Loom::TraceCapture& cap) {
+  std::vector<std::string> out;
+  for (auto& l : cap.lines()) {
+    if (l.level == 1 && l.text.rfind("writeHeader pkt bytes", 0) != 0) out.push_back(l.text);
+  }
+  return out;
+}
+
+inline std::string firstError(const Loom::TraceCapture& cap) {
+  auto e = errors(cap);
+  return e.empty() ? std::string() : e.front();
+}
+
+inline bool startsWith(const std::string& s, const std::string& prefix) { return s.rfind(prefix, 0) == 0; }
+
+// One piece of a packet, described for the truncation test: when the packet ends inside it
+// (after 1 to size-1 of its bytes, or 0 bytes for a value), the read fails with a first error
+// that starts with `text`. `atStart` overrides the expectation when no byte of the fragment is
+// present: "" means the read succeeds there (an option boundary).
+struct Fragment {
+  U32 size;
+  std::string text;
+  std::optional<std::string> atStart = std::nullopt;
+};
+
+// Cuts the packet at every length from 0 to its full size minus one, fixes the checksum of the
+// cut packet, and checks what the read says. `read` reads a fresh message and returns its count.
+inline void checkTruncations(const Bytes& full, const std::vector<Fragment>& fragments,
+                             const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst,
+                             const std::function<U32(const Loom::Ptr<Knet::Pkt>&)>& read) {
+  U32 total = 0;
+  for (auto& f : fragments) total += f.size;
+  ASSERT_EQ(total, full.size()) << "fragments do not add up to the packet";
+  U32 start = 0;
+  for (auto& f : fragments) {
+    for (U32 inside = 0; inside < f.size; ++inside) {
+      const U32 length = start + inside;
+      Bytes cut(full.begin(), full.begin() + length);
+      if (cut.size() >= 4) fixChecksum(cut, src, dst);
+      Loom::TraceCapture cap(1);
+      const U32 n = read(pkt(cut));
+      const std::string expected = inside == 0 && f.atStart ? *f.atStart : f.text;
+      if (expected.empty()) {
+        EXPECT_EQ(n, length) << "cut at " << length << ": " << firstError(cap);
+      } else {
+        EXPECT_EQ(n, 0u) << "cut at " << length;
+        EXPECT_TRUE(startsWith(firstError(cap), expected))
+            << "cut at " << length << "\n  got:      " << firstError(cap) << "\n  expected: " << expected;
+      }
+    }
+    start += f.size;
+  }
+}
+
+}  // namespace PimTest
