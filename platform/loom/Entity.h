@@ -64,22 +64,27 @@ class BaseNotifiee {
   BaseNotifiee() = default;
   BaseNotifiee(const BaseNotifiee&) = delete;
   BaseNotifiee& operator=(const BaseNotifiee&) = delete;
-  virtual ~BaseNotifiee() { notifierIs(Ptr<E>()); }
+  virtual ~BaseNotifiee() {
+    if (notifier_) notifier_->notifieeDel(attached_);
+  }
 
   const Ptr<E>& notifier() const { return notifier_; }
   // Attaches to (or, with null, detaches from) an entity. Keeps a reference to it.
   void notifierIs(const Ptr<E>& e) {
     if (notifier_ == e) return;
-    if (notifier_) notifier_->notifieeDel(self());
+    if (notifier_) notifier_->notifieeDel(attached_);
     notifier_ = e;
-    if (notifier_) notifier_->notifieeAdd(self());
+    attached_ = static_cast<typename E::Notifiee*>(this);
+    if (notifier_) notifier_->notifieeAdd(attached_);
   }
   bool hasNotificationActive() const { return active_; }
   void hasNotificationActiveIs(bool v) { active_ = v; }
 
  private:
-  typename E::Notifiee* self() { return static_cast<typename E::Notifiee*>(this); }
   Ptr<E> notifier_;
+  // This object as the entity's list holds it, taken while the object is whole, so that the
+  // destructor can detach without casting a half-destroyed object.
+  typename E::Notifiee* attached_ = nullptr;
   bool active_ = true;
 };
 
