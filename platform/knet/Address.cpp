@@ -139,20 +139,17 @@ std::ostream& operator<<(std::ostream& os, const IntfId& id) {
 namespace {
 constexpr const char* kTypeNames[16] = {
     "hello",     "register", "registerStop",   "joinPrune",    "bootstrap", "assert",
-    "graft",     "graftAck", "candidateRpAdv", "stateRefresh", "dfElection", nullptr,
-    nullptr,     nullptr,    nullptr,          nullptr};
+    "graft",     "graftAck", "candidateRpAdv", "stateRefresh", "dfElection", "type11",
+    "type12",    "type13",   "type14",         "type15"};
 }
 
-const char* PimMessageType::name() const {
-  const char* n = kTypeNames[type()];
-  return n ? n : "unknown";
-}
+const char* PimMessageType::name() const { return kTypeNames[type()]; }
 
 std::ostream& operator<<(std::ostream& os, PimMessageType t) { return os << t.name(); }
 
 std::optional<PimMessageType> pimMessageTypeFromName(std::string_view name) {
   for (U8 i = 0; i < 16; ++i) {
-    if (kTypeNames[i] && name == kTypeNames[i]) return PimMessageType(0x20 | i);
+    if (name == kTypeNames[i]) return PimMessageType(0x20 | i);
   }
   return std::nullopt;
 }

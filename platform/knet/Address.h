@@ -104,7 +104,8 @@ class PimMessageType {
   constexpr U8 value() const { return value_; }
   constexpr U8 version() const { return value_ >> 4; }
   constexpr U8 type() const { return value_ & 0x0f; }
-  // Name of the type number ("hello", "joinPrune", ...), "unknown" for numbers without one.
+  // Name of the type number ("hello", "joinPrune", ...); "type11" to "type15" for the numbers
+  // that have no message.
   const char* name() const;
   friend constexpr bool operator==(PimMessageType, PimMessageType) = default;
 

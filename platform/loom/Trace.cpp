@@ -92,10 +92,16 @@ void readEnvironment(TraceRegistry& r) {
 TraceUnit::TraceUnit(const char* name) : name_(name) {
   auto& r = registry();
   readEnvironment(r);
-  level_ = r.defaultLevel;
-  for (auto& [unit, level] : r.pending) {
-    if (unit == name) level_ = level;
+  // The level the unit has outside any capture: the default or a level named for it earlier.
+  int level = r.capture ? r.capture->outermost()->savedDefault() : r.defaultLevel;
+  for (auto& [unit, named] : r.pending) {
+    if (unit == name) level = named;
   }
+  // A unit made while captures are alive takes their level, and gets its own back when they end.
+  std::vector<TraceCapture*> chain;
+  for (TraceCapture* c = r.capture; c; c = c->outer()) chain.insert(chain.begin(), c);
+  for (TraceCapture* c : chain) level = c->adopt(this, level);
+  level_ = level;
   r.units.push_back(this);
 }
 
@@ -146,7 +152,18 @@ void traceWrite(const TraceUnit& unit, int level, const char* function, const st
   out << unit.name() << '/' << level << ' ' << function << ": " << text << '\n';
 }
 
-TraceCapture::TraceCapture(int level) {
+int TraceCapture::adopt(TraceUnit* unit, int levelBefore) {
+  saved_.emplace_back(unit, levelBefore);
+  return level_;
+}
+
+const TraceCapture* TraceCapture::outermost() const {
+  const TraceCapture* c = this;
+  while (c->outer_) c = c->outer_;
+  return c;
+}
+
+TraceCapture::TraceCapture(int level) : level_(level) {
   auto& r = registry();
   readEnvironment(r);
   for (auto* u : r.units) {

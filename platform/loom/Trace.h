@@ -68,7 +68,15 @@ class TraceCapture {
   void clear() { lines_.clear(); }
   void add(TraceLine line) { lines_.push_back(std::move(line)); }
 
+  // For units made while the capture is alive: remembers the unit's level to restore and
+  // returns the capture's level.
+  int adopt(TraceUnit* unit, int levelBefore);
+  TraceCapture* outer() const { return outer_; }
+  const TraceCapture* outermost() const;
+  int savedDefault() const { return savedDefault_; }
+
  private:
+  int level_;
   std::vector<TraceLine> lines_;
   std::vector<std::pair<TraceUnit*, int>> saved_;
   int savedDefault_ = 0;

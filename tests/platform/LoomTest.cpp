@@ -158,6 +158,19 @@ TEST(Trace, CaptureRestoresLevelsAndNests) {
   EXPECT_EQ(testUnit().level(), 2);
 }
 
+TEST(Trace, UnitMadeDuringACaptureTakesItsLevelAndGetsItsOwnBack) {
+  traceLevelIs("MadeInCapture", 2);
+  {
+    TraceCapture outer(7);
+    TraceCapture inner(3);
+    static TraceUnit made("MadeInCapture");
+    EXPECT_EQ(made.level(), 3);
+    LOOM_TRACE(made, 3, "seen");
+    EXPECT_EQ(inner.texts(), std::vector<std::string>{"seen"});
+  }
+  EXPECT_EQ(traceLevel("MadeInCapture"), 2);
+}
+
 TEST(Trace, ConfigurationByNameAndForUnitsMadeLater) {
   EXPECT_TRUE(traceConfigIs("LoomTest=6, LaterUnit=8"));
   EXPECT_EQ(testUnit().level(), 6);

@@ -1,0 +1,119 @@
+#pragma once
+// Messages as JSON. Each message class has a table of its attributes, one row per attribute with
+// its JSON name and how its value goes into and out of JSON. Decoding prints every attribute in
+// table order; encoding sets the attributes that a line names and leaves the others at their
+// defaults, so that what decoding prints encodes to the same message.
+#include <algorithm>
+#include <array>
+#include <concepts>
+#include <limits>
+#include <span>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "PimMessage/HelloMessage.h"
+
+namespace Pimio::Cli {
+
+// Members keep the order in which they are added, so lines read like the attribute tables.
+using Json = nlohmann::ordered_json;
+
+// ---- The packet around the message ----
+
+// The members that every line starts with: the frame number, then the IP layer's family (4 or
+// 6), source and destination when they are known.
+Json packetJson(U32 frame, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst);
+// The members of a decoded line that describe the packet rather than the message's attributes.
+constexpr std::array<const char*, 6> packetMembers{"frame", "family", "src", "dst", "type", "warnings"};
+
+// ---- Attribute values as JSON ----
+
+Json jsonOf(bool v);
+template <std::unsigned_integral T>
+Json jsonOf(T v) {
+  return v;
+}
+// An address as text, or null when it is unset.
+Json jsonOf(const Knet::IpGenAddr& a);
+Json jsonOf(const std::vector<Knet::IpGenAddr>& list);
+Json jsonOf(Routing::Pim::Packet::HelloPropagationDelay d);
+
+// The readers return false and say why when the JSON value has the wrong type or range.
+bool valueOf(const Json& j, bool& out, std::string& error);
+template <std::unsigned_integral T>
+bool valueOf(const Json& j, T& out, std::string& error) {
+  if (!j.is_number_unsigned() || j.get<U64>() > std::numeric_limits<T>::max()) {
+    error = "expected an unsigned integer up to " + std::to_string(std::numeric_limits<T>::max()) + ", got " + j.dump();
+    return false;
+  }
+  out = static_cast<T>(j.get<U64>());
+  return true;
+}
+bool valueOf(const Json& j, Knet::IpGenAddr& out, std::string& error);
+bool valueOf(const Json& j, std::vector<Knet::IpGenAddr>& out, std::string& error);
+bool valueOf(const Json& j, Routing::Pim::Packet::HelloPropagationDelay& out, std::string& error);
+
+// ---- Attribute tables ----
+
+template <class M>
+struct Attribute {
+  const char* name;
+  Json (*get)(const M&);
+  bool (*set)(const Json&, M&, std::string& error);
+  // Set for a view of another attribute (the T bit is a view of implPropagationDelay): the view
+  // is applied only when the line does not name the attribute it views.
+  const char* viewOf = nullptr;
+};
+
+// The row of an attribute that has a plain reader and writer (holdTime() and holdTimeIs()).
+template <class M, auto Get, auto Set>
+constexpr Attribute<M> attribute(const char* name, const char* viewOf = nullptr) {
+  using T = std::remove_cvref_t<decltype((std::declval<const M&>().*Get)())>;
+  return {name, [](const M& m) { return jsonOf((m.*Get)()); },
+          [](const Json& j, M& m, std::string& error) {
+            T v{};
+            if (!valueOf(j, v, error)) return false;
+            (m.*Set)(v);
+            return true;
+          },
+          viewOf};
+}
+
+// Adds every attribute of `m` to `out`, in table order.
+template <class M>
+void attributesToJson(std::span<const Attribute<M>> table, const M& m, Json& out) {
+  for (const Attribute<M>& a : table) out[a.name] = a.get(m);
+}
+
+// Sets the attributes that the members of `in` name. Fails, saying why, on a member that the
+// table does not know or on a bad value.
+template <class M>
+bool attributesFromJson(std::span<const Attribute<M>> table, const Json& in, M& m, std::string& error) {
+  for (const auto& member : in.items()) {
+    const auto known = [&](const Attribute<M>& a) { return member.key() == a.name; };
+    if (std::none_of(table.begin(), table.end(), known)) {
+      error = "unknown attribute \"" + member.key() + "\"";
+      return false;
+    }
+  }
+  for (const bool views : {false, true}) {
+    for (const Attribute<M>& a : table) {
+      if ((a.viewOf != nullptr) != views || !in.contains(a.name)) continue;
+      if (views && in.contains(a.viewOf)) continue;
+      std::string why;
+      if (!a.set(in.at(a.name), m, why)) {
+        error = std::string(a.name) + ": " + why;
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// The Hello's attributes: the header's reserved byte, then the options in declaration order.
+std::span<const Attribute<Routing::Pim::Packet::HelloMessage>> helloAttributes();
+
+}  // namespace Pimio::Cli

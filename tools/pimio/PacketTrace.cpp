@@ -1,0 +1,49 @@
+#include "tools/pimio/PacketTrace.h"
+
+#include <algorithm>
+#include <iostream>
+
+#include "PimMessage/Message.h"
+
+namespace Pimio::Cli {
+
+namespace {
+
+using Routing::Pim::Packet::traceError;
+using Routing::Pim::Packet::traceWarning;
+
+// writeHeader traces this at the error level whenever errors are traced; it reports nothing wrong.
+bool isDiagnostic(const std::string& text) { return text.starts_with("writeHeader pkt bytes"); }
+
+}  // namespace
+
+// Warnings must be collected whatever the user's levels; a user who wants more detail than that
+// gets it collected as well, to be passed on.
+PacketTrace::PacketTrace() { capture_.emplace(std::max<int>(traceWarning, Routing::Pim::Packet::traceUnit().level())); }
+
+PacketTrace::~PacketTrace() {
+  const std::vector<Loom::TraceLine> lines = capture_->lines();
+  capture_.reset();  // restores the user's levels
+  for (const Loom::TraceLine& l : lines) {
+    if (l.level <= Loom::traceLevel(l.unit)) {
+      std::cerr << l.unit << '/' << l.level << ' ' << l.function << ": " << l.text << '\n';
+    }
+  }
+}
+
+std::vector<std::string> PacketTrace::texts(bool warnings) const {
+  std::vector<std::string> out;
+  for (const Loom::TraceLine& l : capture_->lines()) {
+    const bool wanted = l.level == traceError || (warnings && l.level == traceWarning);
+    if (wanted && !isDiagnostic(l.text)) out.push_back(l.text);
+  }
+  return out;
+}
+
+std::string joined(const std::vector<std::string>& texts) {
+  std::string out;
+  for (const std::string& t : texts) out += (out.empty() ? "" : "; ") + t;
+  return out;
+}
+
+}  // namespace Pimio::Cli
