@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "PimMessage/Message.h"
+#include "loom/SmallVector.h"
 
 namespace Routing::Pim::Packet {
 
@@ -86,7 +87,8 @@ class HelloMessage : public Message {
   void bidirectionalCapableIs(bool v) { bidirectionalCapable_ = v; }
 
   // The address list, in the order the addresses were added; an address is held once.
-  const std::vector<Knet::IpGenAddr>& secondaryAddr() const { return secondaryAddr_; }
+  using SecondaryAddrList = Loom::SmallVector<Knet::IpGenAddr, 4>;
+  const SecondaryAddrList& secondaryAddr() const { return secondaryAddr_; }
   bool secondaryAddrHas(const Knet::IpGenAddr& a) const;
   // Adds (present true) or removes (present false) an address.
   void secondaryAddrIs(const Knet::IpGenAddr& a, bool present = true);
@@ -133,7 +135,7 @@ class HelloMessage : public Message {
   bool generationIdOption_ = false;
   U32 generationId_ = 0;
   bool bidirectionalCapable_ = false;
-  std::vector<Knet::IpGenAddr> secondaryAddr_;
+  SecondaryAddrList secondaryAddr_;
   bool tcpConnectionOption_ = false;
   Knet::IpGenAddr tcpConnectionId_;
   bool sctpConnectionOption_ = false;

@@ -4,11 +4,6 @@
 
 namespace Routing::Pim::Packet {
 
-Loom::TraceUnit& traceUnit() {
-  static Loom::TraceUnit unit("PimMessage");
-  return unit;
-}
-
 Loom::LogMessage PIMBSR_CRPADV_ZONE_SET(
     "PIMBSR_CRPADV_ZONE_SET", 6, "Received Candidate-RP Advertisements from C-RP %s with Zone bit set",
     "This is an unusual condition for which RFC 5059 mentions BSR mechanism to log such activities. "

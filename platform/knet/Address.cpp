@@ -26,19 +26,6 @@ IpGenAddr IpGenAddr::ipv4(U32 hostOrder) {
   return a;
 }
 
-IpGenAddr IpGenAddr::fromBytes(AddressFamily af, const U8* bytes) {
-  IpGenAddr a;
-  a.af_ = af;
-  if (af == AddressFamily::ipv4) {
-    std::memcpy(a.bytes_.data(), bytes, 4);
-  } else if (af == AddressFamily::ipv6) {
-    std::memcpy(a.bytes_.data(), bytes, 16);
-  } else {
-    a.af_ = AddressFamily::ipUnknown;
-  }
-  return a;
-}
-
 std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) {
   char buf[INET6_ADDRSTRLEN + 1];
   if (text.empty() || text.size() >= sizeof(buf)) return std::nullopt;
@@ -61,19 +48,6 @@ U32 IpGenAddr::byteLength() const {
 U32 IpGenAddr::v4() const {
   if (af_ != AddressFamily::ipv4) return 0;
   return U32(bytes_[0]) << 24 | U32(bytes_[1]) << 16 | U32(bytes_[2]) << 8 | bytes_[3];
-}
-
-bool IpGenAddr::isMulticast() const {
-  if (af_ == AddressFamily::ipv4) return (bytes_[0] & 0xf0) == 0xe0;
-  if (af_ == AddressFamily::ipv6) return bytes_[0] == 0xff;
-  return false;
-}
-
-bool IpGenAddr::isZero() const {
-  for (U8 b : bytes_) {
-    if (b) return false;
-  }
-  return true;
 }
 
 bool IpGenAddr::isLinkLocal() const {

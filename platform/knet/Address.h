@@ -19,13 +19,26 @@ enum class AddressFamily : U8 { ipUnknown = 0, ipv4 = 1, ipv6 = 2 };
 std::ostream& operator<<(std::ostream& os, AddressFamily af);
 
 // An IPv4 or IPv6 address tagged with its family, or unset (family ipUnknown, all zero).
+// The bytes come first and word-aligned, so that copies and comparisons are two 8-byte moves.
 class IpGenAddr {
  public:
   IpGenAddr() = default;
   // IPv4 address from a host-order number (0x0a000001 is 10.0.0.1).
   static IpGenAddr ipv4(U32 hostOrder);
-  // Address of the given family from its network-order bytes (4 or 16 of them).
-  static IpGenAddr fromBytes(AddressFamily af, const U8* bytes);
+  // Address of the given family from its network-order bytes (4 or 16 of them); unset for
+  // another family.
+  static IpGenAddr fromBytes(AddressFamily af, const U8* bytes) {
+    IpGenAddr a;
+    if (af == AddressFamily::ipv4) {
+      std::memcpy(a.bytes_.data(), bytes, 4);
+    } else if (af == AddressFamily::ipv6) {
+      std::memcpy(a.bytes_.data(), bytes, 16);
+    } else {
+      return a;
+    }
+    a.af_ = af;
+    return a;
+  }
   // Parses dotted IPv4 or textual IPv6; nullopt when the text is neither.
   static std::optional<IpGenAddr> parse(std::string_view text);
 
@@ -36,17 +49,36 @@ class IpGenAddr {
   const U8* bytes() const { return bytes_.data(); }
   // The IPv4 address as a host-order number (0 for other families).
   U32 v4() const;
-  bool isMulticast() const;
-  bool isZero() const;
+  bool isMulticast() const {
+    if (af_ == AddressFamily::ipv4) return (bytes_[0] & 0xf0) == 0xe0;
+    return af_ == AddressFamily::ipv6 && bytes_[0] == 0xff;
+  }
+  bool isZero() const {
+    U64 w0, w1;
+    std::memcpy(&w0, bytes_.data(), 8);
+    std::memcpy(&w1, bytes_.data() + 8, 8);
+    return (w0 | w1) == 0;
+  }
   bool isLinkLocal() const;
   std::string str() const;
 
-  friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
-  friend std::strong_ordering operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
+  friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) {
+    U64 a0, a1, b0, b1;
+    std::memcpy(&a0, a.bytes_.data(), 8);
+    std::memcpy(&a1, a.bytes_.data() + 8, 8);
+    std::memcpy(&b0, b.bytes_.data(), 8);
+    std::memcpy(&b1, b.bytes_.data() + 8, 8);
+    return ((a0 ^ b0) | (a1 ^ b1)) == 0 && a.af_ == b.af_;
+  }
+  // Orders by family, then by the address bytes.
+  friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) {
+    if (a.af_ != b.af_) return a.af_ <=> b.af_;
+    return a.bytes_ <=> b.bytes_;
+  }
 
  private:
+  alignas(8) std::array<U8, 16> bytes_{};
   AddressFamily af_ = AddressFamily::ipUnknown;
-  std::array<U8, 16> bytes_{};
 };
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& a);
 

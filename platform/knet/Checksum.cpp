@@ -6,6 +6,9 @@
 namespace Knet {
 namespace {
 
+// The word loads below place bytes as a little-endian host does (x86-64, AArch64 Linux).
+static_assert(std::endian::native == std::endian::little, "the checksum assumes a little-endian host");
+
 inline U64 load64(const U8* p) {
   U64 v;
   std::memcpy(&v, p, 8);
@@ -25,7 +28,7 @@ inline U32 fold(U64 sum) {
 U16 onesComplementSum(const U8* data, size_t length, U32 initial) {
   // The one's-complement sum does not depend on byte order except for a final swap, so the data
   // is summed as native 64-bit words split into 32-bit halves (no carry can be lost before
-  // 2^32 words), and the folded result is swapped to network order on little-endian hosts.
+  // 2^32 words), and the folded result is swapped to network order.
   U64 a = 0, b = 0, c = 0, d = 0;
   const U8* p = data;
   size_t n = length;
@@ -44,13 +47,27 @@ U16 onesComplementSum(const U8* data, size_t length, U32 initial) {
     p += 8;
     n -= 8;
   }
+  // The last 0 to 7 bytes, loaded in fixed-width pieces (a variable-length copy into a word
+  // stalls the load that reads it back). Each piece lands at the same position, relative to the
+  // start of the data, that an 8-byte load would have put it; a lone last byte is zero padded as
+  // RFC 1071 wants.
   U64 tail = 0;
-  std::memcpy(&tail, p, n);  // up to 7 bytes, zero padded: the odd byte lands where RFC 1071 puts it
+  if (n & 4) {
+    U32 t;
+    std::memcpy(&t, p, 4);
+    tail = t;
+    p += 4;
+  }
+  if (n & 2) {
+    U16 t;
+    std::memcpy(&t, p, 2);
+    tail |= U64(t) << ((n & 4) * 8);
+    p += 2;
+  }
+  if (n & 1) tail |= U64(*p) << ((n & 6) * 8);
   a += (tail & 0xffffffff) + (tail >> 32);
   U32 sum = fold(a + b + c + d);
-  if constexpr (std::endian::native == std::endian::little) {
-    sum = static_cast<U16>((sum >> 8) | (sum << 8));
-  }
+  sum = static_cast<U16>((sum >> 8) | (sum << 8));
   return static_cast<U16>(fold(U64(sum) + initial));
 }
 

@@ -77,6 +77,9 @@ void readEnvironment(TraceRegistry& r) {
   if (const char* file = std::getenv("PIMIO_TRACE_FILE"); file && *file) {
     r.file = std::make_unique<std::ofstream>(file, std::ios::app);
   }
+  if (const char* timers = std::getenv("PIMIO_BLOCK_TIMERS"); timers && std::strcmp(timers, "1") == 0) {
+    RingLog::timersEnabledIs(true);
+  }
   if (const char* cfg = std::getenv("PIMIO_TRACE"); cfg && *cfg) {
     std::vector<std::pair<std::string, int>> items;
     if (parseConfig(cfg, items)) {

@@ -103,24 +103,31 @@ class RingLog {
   };
   static const std::vector<TimerStat*>& timerStats();
 
+  // Block timers are off unless switched on (timersEnabledIs, or PIMIO_BLOCK_TIMERS=1 at start):
+  // reading the time stamp counter twice costs more than decoding a small message.
+  static bool timersEnabled() { return timersEnabled_; }
+  static void timersEnabledIs(bool on) { timersEnabled_ = on; }
+
   class BlockTimer {
    public:
-    explicit BlockTimer(TimerStat& stat) : stat_(stat), start_(now()) {}
+    explicit BlockTimer(TimerStat& stat) : stat_(timersEnabled_ ? &stat : nullptr), start_(stat_ ? now() : 0) {}
     ~BlockTimer() {
-      ++stat_.calls;
-      stat_.ticks += now() - start_;
+      if (!stat_) return;
+      ++stat_->calls;
+      stat_->ticks += now() - start_;
     }
     BlockTimer(const BlockTimer&) = delete;
     BlockTimer& operator=(const BlockTimer&) = delete;
     static U64 now();
 
    private:
-    TimerStat& stat_;
+    TimerStat* stat_;
     U64 start_;
   };
 
  private:
   RingLog();
+  static inline bool timersEnabled_ = false;
   std::vector<std::string> ring_;
   size_t next_ = 0;
   bool wrapped_ = false;

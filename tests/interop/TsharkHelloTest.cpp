@@ -207,7 +207,7 @@ std::vector<ExpectedOption> expectedOptions(const HelloMessage& m) {
   if (!m.secondaryAddr().empty()) {
     U16 length = 0;
     for (const IpGenAddr& a : m.secondaryAddr()) length = static_cast<U16>(length + 2 + a.byteLength());
-    out.push_back({24, length, "Address List", {}, {}, m.secondaryAddr()});
+    out.push_back({24, length, "Address List", {}, {}, {m.secondaryAddr().begin(), m.secondaryAddr().end()}});
   }
   // tshark shows these three only as bytes: family, reserved, address; router id, interface id.
   auto connection = [&](U16 type, const char* name, const IpGenAddr& id) {

@@ -7,6 +7,7 @@
 
 #include "loom/Entity.h"
 #include "loom/LogMessage.h"
+#include "loom/SmallVector.h"
 #include "loom/Trace.h"
 
 namespace Loom {
@@ -211,10 +212,14 @@ TEST(RingLog, KeepsTheLastLinesInOrder) {
   EXPECT_EQ(lines.back(), "U/1 f: " + std::to_string(n - 1));
 }
 
-TEST(RingLog, BlockTimerCountsCalls) {
+TEST(RingLog, BlockTimerCountsCallsWhileSwitchedOn) {
   auto timed = [] { LOOM_BLOCK_TIMER("LoomTest timed block"); };
+  RingLog::timersEnabledIs(false);
+  timed();
+  RingLog::timersEnabledIs(true);
   timed();
   timed();
+  RingLog::timersEnabledIs(false);
   const RingLog::TimerStat* stat = nullptr;
   for (auto* s : RingLog::timerStats()) {
     if (std::string(s->name) == "LoomTest timed block") stat = s;
@@ -247,6 +252,43 @@ TEST(LogMessage, FormatsAndRateLimits) {
   EXPECT_EQ(logMessage("TEST_LOG_RATE"), &TEST_LOG_RATE);
   EXPECT_EQ(logMessage("NO_SUCH_LOG"), nullptr);
   logClockIs(nullptr);
+}
+
+}  // namespace
+}  // namespace Loom
+
+namespace Loom {
+namespace {
+
+TEST(SmallVector, StaysInlineThenMovesToTheHeapKeepingOrder) {
+  SmallVector<int, 3> v;
+  const int* inlineData = nullptr;
+  for (int i = 0; i < 3; ++i) {
+    v.push_back(i);
+    if (i == 0) inlineData = v.data();
+    EXPECT_EQ(v.data(), inlineData) << "moved before it was full";
+  }
+  v.push_back(3);
+  v.push_back(4);
+  EXPECT_NE(v.data(), inlineData);
+  EXPECT_EQ(v, (std::vector<int>{0, 1, 2, 3, 4}));
+  v.erase(v.begin() + 1);
+  EXPECT_EQ(v, (std::vector<int>{0, 2, 3, 4}));
+  v.clear();
+  EXPECT_TRUE(v.empty());
+  v.push_back(7);
+  EXPECT_EQ(v.size(), 1u);
+  EXPECT_EQ(v.front(), 7);
+}
+
+TEST(SmallVector, EraseInsideTheInlineElements) {
+  SmallVector<int, 4> v{1, 2, 3};
+  v.erase(v.begin());
+  EXPECT_EQ(v, (std::vector<int>{2, 3}));
+  v.erase(v.end() - 1);
+  EXPECT_EQ(v, std::vector<int>{2});
+  SmallVector<int, 4> w{2};
+  EXPECT_TRUE(v == w);
 }
 
 }  // namespace

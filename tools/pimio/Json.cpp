@@ -27,7 +27,7 @@ Json jsonOf(bool v) { return v; }
 
 Json jsonOf(const Knet::IpGenAddr& a) { return a.isSet() ? Json(a.str()) : Json(nullptr); }
 
-Json jsonOf(const std::vector<Knet::IpGenAddr>& list) {
+Json jsonOf(std::span<const Knet::IpGenAddr> list) {
   Json out = Json::array();
   for (const Knet::IpGenAddr& a : list) out.push_back(a.str());
   return out;
@@ -100,7 +100,7 @@ constexpr Attribute<HelloMessage> hello(const char* name, const char* viewOf = n
 
 // The address list is a set with its own writers.
 constexpr Attribute<HelloMessage> secondaryAddrAttribute{
-    "secondaryAddr", [](const HelloMessage& m) { return jsonOf(m.secondaryAddr()); },
+    "secondaryAddr", [](const HelloMessage& m) { return jsonOf(std::span(m.secondaryAddr().begin(), m.secondaryAddr().end())); },
     [](const Json& j, HelloMessage& m, std::string& error) {
       std::vector<Knet::IpGenAddr> list;
       if (!valueOf(j, list, error)) return false;

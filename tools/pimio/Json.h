@@ -38,7 +38,7 @@ Json jsonOf(T v) {
 }
 // An address as text, or null when it is unset.
 Json jsonOf(const Knet::IpGenAddr& a);
-Json jsonOf(const std::vector<Knet::IpGenAddr>& list);
+Json jsonOf(std::span<const Knet::IpGenAddr> list);
 Json jsonOf(Routing::Pim::Packet::HelloPropagationDelay d);
 
 // The readers return false and say why when the JSON value has the wrong type or range.
