@@ -240,6 +240,18 @@ TEST(Hello, NonFatalIrregularities) {
        concat({header, {0x00, 0x1b, 0x00, 0x08, 0x00, 0x07, 0, 0, 10, 0, 0, 1}, holdtime105}),
        "Invalid Pim Hello - Pim over Tcp Option - Invalid address family 7 with length 8",
        [](const HelloMessage& m) { EXPECT_FALSE(m.tcpConnectionOption()); }},
+      {"sctp family 9 skipped",
+       concat({header, {0x00, 0x1c, 0x00, 0x08, 0x00, 0x09, 0, 0, 10, 0, 0, 1}, holdtime105}),
+       "Invalid Pim Hello - Pim over Sctp Option - Invalid address family 9 with length 8",
+       [](const HelloMessage& m) { EXPECT_FALSE(m.sctpConnectionOption()); }},
+      {"sctp family 1 length 20 skipped",
+       concat({header, {0x00, 0x1c, 0x00, 0x14, 0x00, 0x01, 0, 0}, Bytes(16, 1), holdtime105}),
+       "Invalid Pim Hello - Pim over Sctp Option - IPv4 address family has unexpected length 20",
+       [](const HelloMessage& m) { EXPECT_EQ(m.holdTime(), 105); }},
+      {"tcp family 2 length 8 skipped",
+       concat({header, {0x00, 0x1b, 0x00, 0x08, 0x00, 0x02, 0, 0, 10, 0, 0, 1}}),
+       "Invalid Pim Hello - Pim over Tcp Option - IPv6 address family has unexpected length 8",
+       [](const HelloMessage& m) { EXPECT_FALSE(m.tcpConnectionOption()); }},
       {"tcp v6 connection address",
        concat({header, {0x00, 0x1b, 0x00, 0x14, 0x00, 0x02, 0, 0, 0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0,
                         0, 0, 0x02}}),
@@ -427,6 +439,27 @@ TEST(Hello, WriteFailures) {
     Loom::TraceCapture cap(1);
     EXPECT_EQ(m->writeHelloMessage(pkt(Bytes(c.room)), 0), 0u) << c.name;
     EXPECT_EQ(firstError(cap), c.error) << c.name;
+  }
+}
+
+TEST(Hello, ConnectionOptionOfNoFamilyIsRefused) {
+  struct Case {
+    bool tcp;
+    const char* error;
+  };
+  for (const Case& c : {Case{true, "Invalid Pim Hello - TCP capable Option - Invalid address family ipUnknown(0)"},
+                        Case{false, "Invalid Pim Hello - SCTP capable Option - Invalid address family ipUnknown(0)"}}) {
+    // Neither the message nor the connection id has a family, so the family test passes and the
+    // size cannot be chosen.
+    auto m = helloMessageFactory();
+    if (c.tcp) {
+      m->tcpConnectionOptionIs(true);
+    } else {
+      m->sctpConnectionOptionIs(true);
+    }
+    Loom::TraceCapture cap(1);
+    EXPECT_EQ(m->writeHelloMessage(pkt(Bytes(100)), 0), 0u);
+    EXPECT_EQ(firstError(cap), c.error);
   }
 }
 
