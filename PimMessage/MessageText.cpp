@@ -1,9 +1,11 @@
 // Text of messages and records in traces: one fixed layout per class so that traces can be read
 // and compared.
+#include <charconv>
 #include <sstream>
 
 #include "PimMessage/EncodedAddress.h"
 #include "PimMessage/HelloMessage.h"
+#include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/Message.h"
 
 namespace Routing::Pim::Packet {
@@ -77,6 +79,85 @@ std::ostream& operator<<(std::ostream& os, const EncodedGroupAddress* g) {
 
 std::ostream& operator<<(std::ostream& os, const EncodedSourceAddress* s) {
   return os << "( address=" << s->prefix().address() << " flags=" << s->flags() << ")";
+}
+
+}  // namespace Routing::Pim::Packet
+
+// ---- Join/Prune ----
+
+namespace Routing::Pim::Packet {
+
+std::ostream& operator<<(std::ostream& os, const JoinPruneMessage* m) {
+  m->print(os);
+  return os;
+}
+
+void JoinPruneMessage::print(std::ostream& os) const {
+  // A message without data renders as nothing at all.
+  if (!joinPruneData_) return;
+  Message::print(os);
+  os << " | " << joinPruneData_.ptr();
+}
+
+std::ostream& operator<<(std::ostream& os, const JoinPruneData* d) {
+  os << "upstream=" << d->upstream() << ", holdtime=" << d->holdTime()
+     << ", numGroups=" << d->joinPruneGroupData().size() << ", groups=[ ";
+  for (const auto& [addr, group] : d->joinPruneGroupData()) os << group.ptr();
+  return os << " ]";
+}
+
+// The entries in the order the encoder packs them.
+std::ostream& operator<<(std::ostream& os, const JoinPruneGroupData* g) {
+  os << "\tgroup=( address=" << g->group() << ", flags=" << GroupFlags(g->groupFlags()) << " )" << std::endl;
+  for (const auto& s : g->joinedRptSource()) os << "\t\tjoin=" << s << ", (S,G,rpt)" << std::endl;
+  for (const auto& s : g->joinedSource()) os << "\t\tjoin=" << s << ", (S,G)" << std::endl;
+  if (const auto& wc = g->wcSourceData()) {
+    os << (wc->join ? "\t\tjoin= " : "\t\tprune= ") << wc->rp << ", (*,G)" << std::endl;
+  }
+  if (g->rptPrunedGroupData()) {
+    for (const auto& [s, v] : g->rptPrunedGroupData()->prunedRptSource()) {
+      os << "\t\tprune=" << s << ", (S,G,rpt)" << std::endl;
+    }
+  }
+  for (const auto& s : g->prunedSource()) os << "\t\tprune=" << s << ", (S,G)" << std::endl;
+  return os;
+}
+
+std::ostream& operator<<(std::ostream& os, const JoinPruneData::Bookmark* b) {
+  os << "Bookmark: (" << b->group << ", " << b->source << ") " << "Collection: ";
+  if (!b->source.isSet()) return os;
+  const SourceFlags f = b->collection;
+  os << (f.isStarG() ? "(*,G)" : f.isSgRpt() ? "(S,G,rpt)" : f.isSg() ? "(S,G)" : "unknown");
+  return os << (b->join ? " Type: join" : " Type: prune");
+}
+
+namespace {
+constexpr std::string_view reportPrefix = "Value('Routing::Pim::Packet::JoinPruneMessage::Report', ** {'processed': ";
+}
+
+std::string valueToStrep(const JoinPruneMessage::Report& r) {
+  std::ostringstream os;
+  os << reportPrefix << r.processed << ", 'suppressed': " << r.suppressed << ", 'filtered': " << r.filtered << "})";
+  return os.str();
+}
+
+std::ostream& operator<<(std::ostream& os, const JoinPruneMessage::Report& r) { return os << valueToStrep(r); }
+
+std::optional<JoinPruneMessage::Report> reportFromStrep(std::string_view text) {
+  JoinPruneMessage::Report r;
+  auto number = [&](std::string_view before, U32& out) {
+    if (!text.starts_with(before)) return false;
+    text.remove_prefix(before.size());
+    auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+    if (ec != std::errc()) return false;
+    text.remove_prefix(static_cast<size_t>(p - text.data()));
+    return true;
+  };
+  if (number(reportPrefix, r.processed) && number(", 'suppressed': ", r.suppressed) &&
+      number(", 'filtered': ", r.filtered) && text == "})") {
+    return r;
+  }
+  return std::nullopt;
 }
 
 }  // namespace Routing::Pim::Packet

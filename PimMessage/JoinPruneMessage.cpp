@@ -1,0 +1,687 @@
+#include "PimMessage/JoinPruneMessage.h"
+
+#include <vector>
+
+#include "PimMessage/EncodedAddress.h"
+#include "knet/Cursor.h"
+#include "loom/Assert.h"
+
+namespace Routing::Pim::Packet {
+namespace {
+
+// ---- Decoder texts ----
+constexpr const char* kHeaderParse = "Invalid Pim Join/Prune - Header - Parse Error";
+constexpr const char* kUpstreamParse = "Invalid Pim Join/Prune - Upstream Neighbor Address - Parse Error";
+constexpr const char* kUpstreamFamily = "Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Family - Family: ";
+constexpr const char* kUpstreamInvalid = "Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Address: ";
+constexpr const char* kInfoLength = "Invalid Pim Join/Prune - J/P Info Length - Remaining: ";
+constexpr const char* kGroupParse = "Invalid Pim Join/Prune - Group Address - Parse Error";
+constexpr const char* kGroupFamily = "Warning: Pim Join/Prune - Group Address - Mismatch in Address Family: ";
+constexpr const char* kGroupInvalid = "Warning: Pim Join/Prune - Group Address - Skipping Invalid Prefix: ";
+constexpr const char* kGroupBoundary = "Filtered: Pim Join/Prune - Multicast Boundary - Filtered Group Address: ";
+constexpr const char* kBidirFilter = "Pim Join/Prune - Bidirectional Filter - Filtered Group Address: ";
+constexpr const char* kNumSources = "Invalid Pim Join/Prune - Number of Sources - Remaining: ";
+constexpr const char* kSourceFamily = "Warning: Pim Join/Prune - Source Address - Mismatch in Address Family: ";
+constexpr const char* kWcWithoutRpt = "Invalid Pim Join/Prune - WC set, RPT cleared";
+constexpr const char* kMultipleStarG = "Invalid Pim Join/Prune Source - Received multiple (*,G) join sources. Removing [RP: ";
+constexpr const char* kStarGJoinAndPrune =
+    "Invalid Pim Join/Prune Source - Received (*,G) join and prune source. Removing (*,G) join [RP: ";
+constexpr const char* kSource = "Invalid Pim Join/Prune Source - Source ";
+constexpr const char* kBothSgRpt = " is both joined and pruned (S,G,rpt) source.  Only processing it as a pruned (S,G,rpt) source.";
+constexpr const char* kBothSgAndSgRpt =
+    " is both joined (S,G) source and pruned (S,G,rpt) source. Only processing it as a (S,G) source.";
+constexpr const char* kBothSg = " is both joined and pruned (S,G) source.  Only processing  it as a pruned (S,G) source.";
+constexpr const char* kZeroSources = "Invalid Pim Join/Prune - Zero Num Sources In Group ";
+constexpr const char* kEndOfMessage = "Invalid Pim Join/Prune - End of Message - Remaining: ";
+constexpr const char* kZeroValidGroups = "Invalid Pim Join/Prune - Zero Valid Num Groups";
+
+// Joined and pruned lists differ in their texts only.
+struct SideTexts {
+  const char* parse;
+  const char* invalid;
+};
+constexpr SideTexts joinedTexts{"Invalid Pim Join/Prune - Joined Source Address - Parse Error",
+                                "Warning: Pim Join/Prune - Joined Source Address - Skipping Invalid Address: "};
+constexpr SideTexts prunedTexts{"Invalid Pim Join/Prune - Pruned Source Address - Parse Error",
+                                "Warning: Pim Join/Prune - Pruned Source Address - Skipping Invalid Address: "};
+
+// ---- Encoder texts ----
+constexpr const char* kWriteFamily = "Invalid Pim Join/Prune - Unsupported Address Family - Af: ";
+constexpr const char* kMtuBiggerThanBuffer = "Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: ";
+constexpr const char* kWriteHeaderSpace = "Invalid Pim Join/Prune - Header - Unavailable Space - Remaining: ";
+constexpr const char* kWriteUpstreamFamily = "Invalid Pim Join/Prune - Invalid Family - Family: ";
+constexpr const char* kWriteUpstream = "Invalid Pim Join/Prune - Upstream Neighbor Address - Write Error";
+constexpr const char* kWriteInfoSpace = "Invalid Pim Join/Prune - J/P Info - Unavailable Space - Remaining: ";
+constexpr const char* kInvalidBookmark = "Invalid bookmark in Pim Join/Prune - Group Address Family: ";
+constexpr const char* kBookmarkProcessed = "Bookmark processed and deleted. ";
+constexpr const char* kProcessingGroup = "Processing Group ";
+constexpr const char* kNoSourcesInGroup = "Pim Join/Prune - No Sources In Group - Address: ";
+constexpr const char* kWriteBoundary = "Pim Join/Prune - Multicast Boundary - Filtered Group Address: ";
+constexpr const char* kWriteGroupFamily = "Pim Join/Prune - Invalid Family - Family: ";
+constexpr const char* kInsufficientMtu = "Invalid Pim Join/Prune - Insufficient MTU Size - Remaining: ";
+constexpr const char* kReachedMax = "Pim Join/Prune - Reached Max Mtu or Max Group of 255";
+constexpr const char* kBookmarkSet = "Bookmark set. ";
+constexpr const char* kSettingBookmark = "Setting bookmark. ";
+constexpr const char* kWriteGroup = "Pim Join/Prune - Group Address - Write Error";
+constexpr const char* kNumSourcesSpace = "Invalid Pim Join/Prune - Num Sources - Unavailable Space - Remaining: ";
+constexpr const char* kEntryFamily = "Pim Join/Prune - Invalid Family - Family: ";
+constexpr const char* kRpFamily = "Invalid Pim Join/Prune - Invalid Family - Family: ";
+constexpr const char* kPeriodicStarGPrune = "Invalid Pim Join/Prune - Periodic (*,G)-Prune";
+constexpr const char* kPackedRptPrunes = "Packed as many (S,G,rpt) prunes as possible.  Reached max buffer size.";
+constexpr const char* kGroupTakenOut = " - Probably Due to Suppressed Joins";
+constexpr const char* kZeroGroups = "Invalid Pim Join/Prune - Zero Num Groups";
+constexpr const char* kWriteHeader = "Invalid Pim Join/Prune - Header - Write Error";
+constexpr const char* kReadBack = "Invalid Pim Join/Prune - Debug Error - Read Error On TX Packet";
+constexpr const char* kMessageName = "Join/Prune";
+
+constexpr U32 maxGroups = 255;
+constexpr U8 sparseBit = SourceFlags::sparseBit;
+constexpr U8 rptBit = SourceFlags::rptBit;
+constexpr U8 wcBit = SourceFlags::wcBit;
+
+// The five collections of a group, in the order the encoder writes them: the (*,G) entry sits
+// between the joined and the pruned lists.
+enum Collection : int { joinedRpt, joined, starG, prunedRpt, pruned, collections };
+
+struct CollectionInfo {
+  const char* processing;
+  const char* writeError;
+  const char* deleting;
+  U8 flags;  // written on every source of the collection (the S bit included)
+};
+constexpr CollectionInfo collectionInfo[collections] = {
+    {"Processing (S,G,rpt) Joined Collection.", "Pim Join/Prune - Joined Rpt Source Address - Write Error",
+     "Deleting Joined Rpt Source - Group: ", U8(sparseBit | rptBit)},
+    {"Processing (S,G) Joined Collection.", "Pim Join/Prune - Joined Source Address - Write Error",
+     "Deleting Joined Source - Group: ", sparseBit},
+    {"Processing (*,G).", "Invalid Pim Join/Prune - (*,G) RP Address - Write Error",
+     "Deleting (*,G) RP Address - Group: ", U8(sparseBit | wcBit | rptBit)},
+    {"Processing (S,G,rpt) Pruned Collection.", "Pim Join/Prune - Pruned Rpt Source Address - Write Error",
+     "Deleting Pruned Rpt Source - Group: ", U8(sparseBit | rptBit)},
+    {"Processing (S,G) Pruned Collection.", "Pim Join/Prune - Pruned Source Address - Write Error",
+     "Deleting Pruned Source - Group: ", sparseBit},
+};
+
+// The collection a bookmark names.
+Collection collectionOf(SourceFlags flags, bool join) {
+  if (flags.isStarG()) return starG;
+  if (flags.isSgRpt()) return join ? joinedRpt : prunedRpt;
+  return join ? joined : pruned;
+}
+
+U32 encodedSize(Knet::AddressFamily af) { return af == Knet::AddressFamily::ipv4 ? 8 : 20; }
+
+// Mutes the codec's trace for a scope.
+class TraceMute {
+ public:
+  TraceMute() : level_(traceUnit().level()) { traceUnit().levelIs(0); }
+  ~TraceMute() { traceUnit().levelIs(level_); }
+
+ private:
+  int level_;
+};
+
+}  // namespace
+
+JoinPruneMessage::JoinPruneMessage() : Message(Knet::pimJoinPrune()) {}
+
+Loom::Ptr<JoinPruneMessage> joinPruneMessageFactory() { return new JoinPruneMessage; }
+
+// ======================================================================== decoding
+
+U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset,
+                                           const Loom::Ptr<Boundary::IntfBoundary>& intfBoundary) {
+  if (readHeader(pkt, offset) == 0) {
+    PIM_TRACE(traceError, kHeaderParse);
+    return 0;
+  }
+  EncodedUnicastAddress& upstream = scratchUnicastAddress();
+  const U32 upLen = upstream.readUnicastAddress(pkt, offset + 4);
+  if (upLen == 0) {
+    PIM_TRACE(traceError, kUpstreamParse);
+    return 0;
+  }
+  const Knet::AddressFamily family = af();
+  if (upstream.address().af() != family) {
+    PIM_TRACE(traceError, kUpstreamFamily << family << "Upstream Address: " << upstream.address());
+    return 0;
+  }
+  if (!upstream.valid()) {
+    PIM_TRACE(traceError, kUpstreamInvalid << upstream.address());
+    return 0;
+  }
+  const S64 size = pkt->size();
+  U64 pos = U64(offset) + 4 + upLen;
+  S64 remaining = size - S64(pos);
+  if (remaining <= 3) {
+    PIM_TRACE(traceError, kInfoLength << remaining << " Expected: " << 4);
+    return 0;
+  }
+  Loom::Ptr<JoinPruneData> data = new JoinPruneData(upstream.address());
+  Knet::PktReader r(pkt, static_cast<U32>(pos));
+  data->reserved2Is(r.readU8());
+  const U8 numGroups = r.readU8();
+  data->holdTimeIs(r.readU16Be());
+  pos += 4;
+  remaining -= 4;
+
+  Report report;
+  U32 validGroups = 0;
+  EncodedGroupAddress& encGroup = scratchGroupAddress();
+  EncodedSourceAddress& encSource = scratchSourceAddress();
+  for (U32 g = 0; g < numGroups; ++g) {
+    const U32 groupLen = encGroup.readGroupAddress(pkt, static_cast<U32>(pos));
+    if (groupLen == 0) {
+      PIM_TRACE(traceError, kGroupParse);
+      return 0;
+    }
+    const Knet::IpGenAddr groupAddr = encGroup.prefix().address();
+    JoinPruneGroupData& group = data->joinPruneGroupDataIs(groupAddr);
+    group.groupFlagsIs(encGroup.flags().value());
+
+    bool filtered = false;
+    if (groupAddr.af() != family) {
+      PIM_TRACE(traceWarning, kGroupFamily << family << "Group Address: " << groupAddr);
+      filtered = true;
+    } else if (!encGroup.valid() || !encGroup.isHostPrefix()) {
+      PIM_TRACE(traceWarning, kGroupInvalid << groupAddr);
+      filtered = true;
+    } else if (intfBoundary && intfBoundary->filtered(groupAddr)) {
+      PIM_TRACE(traceFilter, kGroupBoundary << groupAddr);
+      filtered = true;
+    } else if (group.bidir() != bidir_) {
+      PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << group.bidir()
+                                          << " Msg Bidirectional Support: " << bidir_);
+      filtered = true;
+    }
+
+    pos += groupLen;
+    remaining -= groupLen;
+    if (remaining < 4) {
+      PIM_TRACE(traceError, kNumSources << remaining << " Expected: " << 4);
+      return 0;
+    }
+    r = Knet::PktReader(pkt, static_cast<U32>(pos));
+    const U16 numJoined = r.readU16Be();
+    const U16 numPruned = r.readU16Be();
+    pos += 4;
+    remaining -= 4;
+    group.joinedSourceReserve(numJoined);
+    group.prunedSourceReserve(numPruned);
+
+    bool starGJoin = false;
+    bool starGPrune = false;
+    for (U32 i = 0; i < U32(numJoined) + numPruned; ++i) {
+      const bool join = i < numJoined;
+      const SideTexts& texts = join ? joinedTexts : prunedTexts;
+      const U32 sourceLen = encSource.readSourceAddress(pkt, static_cast<U32>(pos));
+      if (sourceLen == 0) {
+        PIM_TRACE(traceError, texts.parse);
+        return 0;
+      }
+      pos += sourceLen;
+      remaining -= sourceLen;
+      const Knet::IpGenAddr& s = encSource.prefix().address();
+      if (!encSource.valid()) {
+        PIM_TRACE(traceWarning, texts.invalid << s);
+        continue;
+      }
+      if (s.af() != family) {
+        PIM_TRACE(traceWarning, kSourceFamily << family << "Source Address: " << s);
+        continue;
+      }
+      const SourceFlags flags = encSource.flags();
+      if (flags.wc() && !flags.rpt()) {
+        PIM_TRACE(traceError, kWcWithoutRpt);
+        continue;
+      }
+      if (join) {
+        if (flags.isStarG()) {
+          if (const auto& old = group.wcSourceData()) {
+            PIM_TRACE(traceError, kMultipleStarG << old->rp << "] and using [RP: " << s << "]");
+            ++report.suppressed;
+          }
+          group.wcSourceDataIs(s, true);
+          // A (*,G) join covers every (S,G,rpt) join of the group.
+          report.suppressed += static_cast<U32>(group.joinedRptSources());
+          group.joinedRptSourceDelAll();
+          starGJoin = true;
+        } else if (flags.isSgRpt()) {
+          if (starGJoin) {
+            ++report.suppressed;
+          } else {
+            group.joinedRptSourceIs(s);
+          }
+        } else {
+          group.joinedSourceIs(s);
+        }
+        continue;
+      }
+      if (flags.isStarG()) {
+        if (const auto& old = group.wcSourceData(); old && old->join) {
+          PIM_TRACE(traceError, kStarGJoinAndPrune << old->rp << "] and using (*,G) prune [RP: " << s << "]");
+          ++report.suppressed;
+        }
+        group.wcSourceDataIs(s, false);
+        // A (*,G) prune overrides every (S,G,rpt) entry of the group.
+        report.suppressed += static_cast<U32>(group.prunedRptSources() + group.joinedRptSources());
+        group.prunedRptSourceDelAll();
+        group.joinedRptSourceDelAll();
+        starGPrune = true;
+      } else if (flags.isSgRpt()) {
+        if (starGPrune) {
+          ++report.suppressed;
+          continue;
+        }
+        group.prunedRptSourceIs(s);
+        if (group.joinedRptSourceDel(s)) {
+          PIM_TRACE(traceError, kSource << s << kBothSgRpt);
+          ++report.suppressed;
+        }
+        if (group.joinedSource().contains(s)) {
+          PIM_TRACE(traceError, kSource << s << kBothSgAndSgRpt);
+          ++report.suppressed;
+          group.prunedRptSourceDel(s);
+        }
+      } else {
+        group.prunedSourceIs(s);
+        if (group.joinedSourceDel(s)) {
+          PIM_TRACE(traceError, kSource << s << kBothSg);
+          ++report.suppressed;
+        }
+      }
+    }
+
+    if (group.empty()) {
+      PIM_TRACE(traceError, kZeroSources << groupAddr);
+      filtered = true;
+    }
+    if (filtered) {
+      report.filtered += group.routes();
+      data->joinPruneGroupDataDel(groupAddr);
+    } else {
+      report.processed += group.routes();
+      ++validGroups;
+    }
+  }
+
+  report_ = report;
+  joinPruneData_ = data;
+  if (validGroups == 0) {
+    PIM_TRACE(traceError, report.processed << ", " << report.suppressed << ", " << report.filtered);
+    PIM_TRACE(traceError, kZeroValidGroups);
+    return 0;
+  }
+  if (remaining != 0) {
+    PIM_TRACE(traceError, kEndOfMessage << remaining);
+    return 0;
+  }
+  PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
+  return static_cast<U32>(pos - offset);
+}
+
+// ======================================================================== encoding
+
+namespace {
+
+// The state of one write: where it is in the packet and what it has counted.
+struct Packer {
+  Packer(const Loom::Ptr<Knet::Pkt>& pkt, JoinPruneData& data, Knet::AddressFamily family, U32 pos, S64 remaining)
+      : pkt(pkt), data(data), family(family), encSize(encodedSize(family)), pos(pos), remaining(remaining),
+        periodic(data.periodic()) {}
+
+  const Loom::Ptr<Knet::Pkt>& pkt;
+  JoinPruneData& data;
+  Knet::AddressFamily family;
+  U32 encSize;
+  U32 pos;          // the next byte to write
+  S64 remaining;    // room left for this message
+  bool periodic;
+  U32 sources = 0;  // entries written
+  U32 groups = 0;   // groups written
+  JoinPruneMessage::Report report;
+  bool full = false;  // the message ends here (room, 255 groups or a bookmark)
+
+  // Writes one source entry with its flags; 0 on failure.
+  U32 writeSource(const Knet::IpGenAddr& a, U8 flags) {
+    EncodedSourceAddress& enc = scratchSourceAddress();
+    enc.prefixIs(Knet::IpGenPrefix(a, Knet::IpGenPrefix::maxLength(a.af())));
+    enc.flagsIs(SourceFlags(flags));
+    return enc.writeSourceAddress(pkt, pos);
+  }
+
+  void bookmarkAt(const Knet::IpGenAddr& group, Collection c, bool join, const Knet::IpGenAddr& source) {
+    JoinPruneData::Bookmark& b = data.bookmarkIs();
+    b.group = group;
+    b.collection = SourceFlags(c == starG ? (wcBit | rptBit) : (c == joinedRpt || c == prunedRpt) ? rptBit : 0);
+    b.join = join;
+    b.source = source;
+  }
+};
+
+}  // namespace
+
+U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset,
+                                            const Loom::Ptr<Boundary::IntfBoundary>& intfBoundary) {
+  report_ = Report();
+  LOOM_ASSERT(joinPruneData_, "joinPruneData");
+  JoinPruneData& data = *joinPruneData_;
+  const S64 buffer = S64(pkt->size()) - S64(offset);
+  const Knet::AddressFamily family = af();
+  S64 room = 0;
+  if (family == Knet::AddressFamily::ipv4) {
+    room = S64(mtu_) - 20;
+  } else if (family == Knet::AddressFamily::ipv6) {
+    room = S64(mtu_) - 40;
+  } else {
+    PIM_TRACE(traceError, kWriteFamily << family);
+    return 0;
+  }
+  room = room / 8 * 8;  // a multiple of 8, toward zero, for both families
+  if (buffer < room) {
+    PIM_TRACE(traceError, kMtuBiggerThanBuffer << room << " Buffer: " << buffer);
+    return 0;
+  }
+  if (room <= 3) {
+    PIM_TRACE(traceError, kWriteHeaderSpace << room);
+    return 0;
+  }
+  if (data.upstream().af() != family) {
+    PIM_TRACE(traceError, kWriteUpstreamFamily << data.upstream().af() << " Upstream Address: " << data.upstream());
+    return 0;
+  }
+  EncodedUnicastAddress& upstream = scratchUnicastAddress();
+  upstream.addressIs(data.upstream());
+  const U32 upLen = upstream.writeUnicastAddress(pkt, offset + 4);
+  if (upLen == 0) {
+    PIM_TRACE(traceError, kWriteUpstream);
+    return 0;
+  }
+  Packer p(pkt, data, family, offset + 4 + upLen, room - 4 - upLen);
+  if (p.remaining < 4) {
+    PIM_TRACE(traceError, kWriteInfoSpace << p.remaining << " Expected: " << 4);
+    return 0;
+  }
+  const U32 groupCountAt = p.pos + 1;
+  {
+    Knet::PktWriter w(pkt, p.pos);
+    w.writeU8(data.reserved2());
+    w.writeU8(0);
+    w.writeU16Be(data.holdTime());
+  }
+  p.pos += 4;
+  p.remaining -= 4;
+
+  // Where to start: the bookmarked group, collection and source, or the first group.
+  auto groupIt = data.joinPruneGroupData().begin();
+  Loom::Ptr<JoinPruneData::Bookmark> resume = data.bookmark();
+  if (resume && !resume->group.isSet()) {
+    PIM_TRACE(traceError, kInvalidBookmark << resume->group.af() << " - Ignoring and Deleting Bookmark");
+    data.bookmarkDel();
+    resume = nullptr;
+  }
+  if (resume) groupIt = data.joinPruneGroupData().lowerBound(resume->group);
+
+  auto& groups = data.joinPruneGroupData();
+  for (; groupIt != groups.end() && !p.full; ++groupIt) {
+    JoinPruneGroupData& group = *groupIt->second;
+    const Knet::IpGenAddr& groupAddr = group.group();
+    PIM_TRACE(tracePacking, kProcessingGroup << groupAddr);
+    // The bookmarked position inside this group, if the bookmark points into it.
+    Collection startCollection = joinedRpt;
+    Knet::IpGenAddr startSource;
+    if (resume && resume->group == groupAddr) {
+      if (resume->source.isSet()) {
+        startCollection = collectionOf(resume->collection, resume->join);
+        startSource = resume->source;
+      }
+      PIM_TRACE(tracePacking, kBookmarkProcessed << resume.ptr());
+      data.bookmarkDel();
+    }
+    resume = nullptr;
+
+    // Groups that do not go into the message at all.
+    bool skip = false;
+    if (group.empty()) {
+      PIM_TRACE(tracePacking, kNoSourcesInGroup << groupAddr);
+      continue;
+    }
+    if (intfBoundary && intfBoundary->filtered(groupAddr)) {
+      PIM_TRACE(traceFilter, kWriteBoundary << groupAddr);
+      skip = true;
+    } else if (group.bidir() != bidir_) {
+      PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << group.bidir()
+                                          << " Msg Bidirectional Support: " << bidir_);
+      skip = true;
+    } else if (groupAddr.af() != family) {
+      PIM_TRACE(traceFilter, kWriteGroupFamily << groupAddr.af() << " Group Address: " << groupAddr);
+      skip = true;
+    }
+    if (skip) {
+      p.report.filtered += group.routes();
+      if (!p.periodic) group.entriesDelAll();
+      continue;
+    }
+
+    const S64 need = 2 * S64(p.encSize) + 4;
+    if (p.groups >= maxGroups || p.remaining < need) {
+      if (p.sources == 0) {
+        PIM_TRACE(traceError, kInsufficientMtu << p.remaining << " Minimum Expected: " << need);
+        return 0;
+      }
+      PIM_TRACE(tracePacking, kReachedMax);
+      p.bookmarkAt(groupAddr, joinedRpt, true, Knet::IpGenAddr());
+      PIM_TRACE(tracePacking, kBookmarkSet << data.bookmark().ptr());
+      break;
+    }
+
+    const U32 groupStart = p.pos;
+    const S64 remainingAtGroup = p.remaining;
+    EncodedGroupAddress& encGroup = scratchGroupAddress();
+    encGroup.addressIs(groupAddr);
+    encGroup.flagsIs(GroupFlags(group.groupFlags()));
+    const U32 groupLen = encGroup.writeGroupAddress(pkt, p.pos);
+    if (groupLen == 0) {
+      PIM_TRACE(traceError, kWriteGroup);
+      std::ostringstream g;
+      g << groupAddr;
+      PIM_MESSAGE_INVALID_ENCODED_GROUP.raise({kMessageName, g.str()});
+      p.report.filtered += group.routes();
+      if (!p.periodic) group.entriesDelAll();
+      data.bookmarkDel();
+      continue;
+    }
+    p.pos += groupLen;
+    p.remaining -= groupLen;
+    if (p.remaining < 4) {
+      PIM_TRACE(traceError, kNumSourcesSpace << p.remaining << " Expected: " << 4);
+      return 0;
+    }
+    const U32 countsAt = p.pos;
+    p.pos += 4;
+    p.remaining -= 4;
+
+    U32 joinedCount = 0;
+    U32 prunedCount = 0;
+    for (int c = startCollection; c < collections && !p.full; ++c) {
+      const Collection collection = static_cast<Collection>(c);
+      const CollectionInfo& info = collectionInfo[c];
+      PIM_TRACE(tracePacking, info.processing);
+
+      if (collection == starG) {
+        if (!group.wcSourceData()) continue;
+        const JoinPruneGroupData::WcSourceData wc = *group.wcSourceData();
+        LOOM_ASSERT(!(group.periodicPrunedRptGroupData() && p.periodic), "not data->periodic()");
+        if (wc.rp.af() != family) {
+          PIM_TRACE(traceError, kRpFamily << wc.rp.af() << " (*,G) RP Address: " << wc.rp);
+          std::ostringstream f, a;
+          f << wc.rp.af();
+          a << wc.rp;
+          PIM_MESSAGE_AF_MISMATCH.raise({f.str(), kMessageName, a.str()});
+          ++p.report.filtered;
+          continue;
+        }
+        if (p.periodic && wc.join && wc.wcSuppressed && group.prunedRptSources() == 0) {
+          PIM_TRACE(tracePacking, "(*,G) Source Suppressed - Group: " << groupAddr << " Address: " << wc.rp);
+          group.wcSuppressedIs(false);
+          ++p.report.suppressed;
+          continue;
+        }
+        if (p.periodic && !wc.join) {
+          PIM_TRACE(traceError, kPeriodicStarGPrune);
+          ++p.report.filtered;
+          continue;
+        }
+        if (p.remaining < S64(p.encSize)) {
+          p.bookmarkAt(groupAddr, starG, wc.join, wc.rp);
+          PIM_TRACE(tracePacking, kSettingBookmark << data.bookmark().ptr());
+          p.full = true;
+          break;
+        }
+        const U32 n = p.writeSource(wc.rp, info.flags);
+        if (n == 0) {
+          PIM_TRACE(traceError, info.writeError);
+          std::ostringstream a;
+          a << wc.rp;
+          PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
+          ++p.report.filtered;
+          continue;
+        }
+        p.pos += n;
+        p.remaining -= n;
+        ++p.sources;
+        (wc.join ? joinedCount : prunedCount) += 1;
+        if (!p.periodic) {
+          PIM_TRACE(tracePacking, info.deleting << groupAddr << " Address: " << wc.rp);
+          group.wcSourceDataDel();
+        }
+        continue;
+      }
+
+      // The source collections: walk the set from the bookmarked source, note what was written,
+      // and delete it afterwards in a triggered message.
+      const bool join = collection == joinedRpt || collection == joined;
+      std::vector<Knet::IpGenAddr> sources;
+      switch (collection) {
+        case joinedRpt: sources.assign(group.joinedRptSource().begin(), group.joinedRptSource().end()); break;
+        case joined: sources.assign(group.joinedSource().begin(), group.joinedSource().end()); break;
+        case prunedRpt:
+          if (group.rptPrunedGroupData()) {
+            for (const auto& [s, v] : group.rptPrunedGroupData()->prunedRptSource()) sources.push_back(s);
+          }
+          break;
+        default: sources.assign(group.prunedSource().begin(), group.prunedSource().end()); break;
+      }
+      auto it = sources.begin();
+      if (collection == startCollection && startSource.isSet()) {
+        it = std::lower_bound(sources.begin(), sources.end(), startSource);
+      }
+      std::vector<Knet::IpGenAddr> written;
+      for (; it != sources.end(); ++it) {
+        const Knet::IpGenAddr& s = *it;
+        if (s.af() != family) {
+          PIM_TRACE(traceError, kEntryFamily << s.af() << " Source Address: " << s);
+          std::ostringstream f, a;
+          f << s.af();
+          a << s;
+          PIM_MESSAGE_AF_MISMATCH.raise({f.str(), kMessageName, a.str()});
+          ++p.report.filtered;
+          continue;
+        }
+        if (collection == joined && p.periodic && group.joinSuppressSource().contains(s)) {
+          PIM_TRACE(tracePacking, "Joined Source Suppressed - Group: " << groupAddr << " Address: " << s);
+          group.joinSuppressSourceDel(s);
+          ++p.report.suppressed;
+          continue;
+        }
+        if (p.remaining < S64(p.encSize)) {
+          if (collection == prunedRpt) PIM_TRACE(tracePacking, kPackedRptPrunes);
+          p.bookmarkAt(groupAddr, collection, join, s);
+          PIM_TRACE(tracePacking, kSettingBookmark << data.bookmark().ptr());
+          p.full = true;
+          break;
+        }
+        const U32 n = p.writeSource(s, info.flags);
+        if (n == 0) {
+          PIM_TRACE(traceError, info.writeError);
+          std::ostringstream a;
+          a << s;
+          PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
+          ++p.report.filtered;
+          continue;
+        }
+        p.pos += n;
+        p.remaining -= n;
+        ++p.sources;
+        (join ? joinedCount : prunedCount) += 1;
+        written.push_back(s);
+        if (!p.periodic) PIM_TRACE(tracePacking, info.deleting << groupAddr << " Address: " << s);
+      }
+      if (collection == prunedRpt && !written.empty()) {
+        // The prunes packed for this group, kept for the agent.
+        Loom::Ptr<RptPrunedGroupData> packed = new RptPrunedGroupData;
+        for (const Knet::IpGenAddr& s : written) packed->prunedRptSourceIs(s, true);
+        group.periodicPrunedRptGroupDataIs(packed);
+      }
+      if (!p.periodic && !written.empty()) {
+        switch (collection) {
+          case joinedRpt: group.joinedRptSourceDel(written); break;
+          case joined: group.joinedSourceDel(written); break;
+          case prunedRpt: group.prunedRptSourceDel(written); break;
+          default: group.prunedSourceDel(written); break;
+        }
+      }
+    }
+
+    PIM_TRACE(tracePacking, "Group " << groupAddr << " has " << joinedCount << " joined sources and " << prunedCount
+                                     << " pruned sources.");
+    if (joinedCount + prunedCount == 0) {
+      PIM_TRACE(tracePacking, kNoSourcesInGroup << groupAddr << kGroupTakenOut);
+      p.pos = groupStart;
+      p.remaining = remainingAtGroup;
+      continue;
+    }
+    Knet::PktWriter w(pkt, countsAt);
+    w.writeU16Be(static_cast<U16>(joinedCount));
+    w.writeU16Be(static_cast<U16>(prunedCount));
+    ++p.groups;
+  }
+
+  LOOM_ASSERT(!data.bookmark() || data.bookmark()->group.isSet(), "invalid bookmark");
+  if (p.groups == 0) {
+    PIM_TRACE(traceError, kZeroGroups);
+    report_ = Report{0, p.report.suppressed, p.report.filtered};
+    return 0;
+  }
+  pkt->data()[groupCountAt] = static_cast<U8>(p.groups);
+  lengthIs(p.pos - offset);
+  if (writeHeader(pkt, offset) == 0) {
+    PIM_TRACE(traceError, kWriteHeader);
+    data.bookmarkDel();
+    return 0;
+  }
+  if (traceUnit().enabled(traceDetail)) {
+    // Read the packet back and trace what a receiver will see.
+    pkt->sizeIs(offset + length());
+    Loom::Ptr<JoinPruneMessage> back = joinPruneMessageFactory();
+    back->srcIpIs(srcIp());
+    back->dstIpIs(dstIp());
+    back->bidirIs(bidir_);
+    U32 read = 0;
+    {
+      TraceMute mute;
+      read = back->readJoinPruneMessage(pkt, offset, intfBoundary);
+    }
+    if (read == 0) {
+      PIM_TRACE(traceError, kReadBack);
+      data.bookmarkDel();
+    } else {
+      PIM_TRACE(traceDetail, "TX: <PIM " << back.ptr() << ">");
+    }
+  }
+  report_ = Report{p.sources, p.report.suppressed, p.report.filtered};
+  PIM_TRACE(tracePacking, "Message contains " << p.sources << " sources, with payload length " << length());
+  return length();
+}
+
+}  // namespace Routing::Pim::Packet
