@@ -350,6 +350,15 @@ struct Packer {
     return enc.writeSourceAddress(pkt, pos);
   }
 
+  // A bookmark at the start of a group: no collection, no source.
+  void bookmarkAtGroup(const Knet::IpGenAddr& group) {
+    JoinPruneData::Bookmark& b = data.bookmarkIs();
+    b.group = group;
+    b.collection = SourceFlags();
+    b.join = true;
+    b.source = Knet::IpGenAddr();
+  }
+
   void bookmarkAt(const Knet::IpGenAddr& group, Collection c, bool join, const Knet::IpGenAddr& source) {
     JoinPruneData::Bookmark& b = data.bookmarkIs();
     b.group = group;
@@ -470,7 +479,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
         return 0;
       }
       PIM_TRACE(tracePacking, kReachedMax);
-      p.bookmarkAt(groupAddr, joinedRpt, true, Knet::IpGenAddr());
+      p.bookmarkAtGroup(groupAddr);
       PIM_TRACE(tracePacking, kBookmarkSet << data.bookmark().ptr());
       break;
     }
