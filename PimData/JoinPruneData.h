@@ -84,6 +84,10 @@ class JoinPruneGroupData : public Loom::Entity {
   size_t prunedSources() const { return prunedSource_.size(); }
   void prunedSourceReserve(size_t n) { prunedSource_.reserve(n); }
 
+  // The three source sets by kind (0: (S,G,rpt) joins, 1: (S,G) joins, 2: (S,G) prunes), for the
+  // encoder's in-place walk.
+  SourceSet& sourceSet(int kind) { return kind == 0 ? joinedRptSource_ : kind == 1 ? joinedSource_ : prunedSource_; }
+
   // (S,G) joins to leave out of the next periodic message.
   const SourceSet& joinSuppressSource() const { return joinSuppressSource_; }
   bool joinSuppressSourceIs(const Knet::IpGenAddr& s) { return joinSuppressSource_.insert(s); }

@@ -109,6 +109,8 @@ Collection collectionOf(SourceFlags flags, bool join) {
   return join ? joined : pruned;
 }
 
+enum class Packed { written, skipped, full };
+
 U32 encodedSize(Knet::AddressFamily af) { return af == Knet::AddressFamily::ipv4 ? 8 : 20; }
 
 // Mutes the codec's trace for a scope.
@@ -169,6 +171,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
   U32 validGroups = 0;
   EncodedGroupAddress& encGroup = scratchGroupAddress();
   EncodedSourceAddress& encSource = scratchSourceAddress();
+  data->joinPruneGroupData().reserve(numGroups);
   for (U32 g = 0; g < numGroups; ++g) {
     const U32 groupLen = encGroup.readGroupAddress(pkt, static_cast<U32>(pos));
     if (groupLen == 0) {
@@ -221,7 +224,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
       }
       pos += sourceLen;
       remaining -= sourceLen;
-      const Knet::IpGenAddr& s = encSource.prefix().address();
+      const Knet::IpGenAddr s = encSource.prefix().address();
       if (!encSource.valid()) {
         PIM_TRACE(traceWarning, texts.invalid << s);
         continue;
@@ -429,7 +432,15 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     data.bookmarkDel();
     resume = nullptr;
   }
-  if (resume) groupIt = data.joinPruneGroupData().lowerBound(resume->group);
+  if (resume) {
+    groupIt = data.joinPruneGroupData().lowerBound(resume->group);
+    if (groupIt == data.joinPruneGroupData().end() || groupIt->first != resume->group) {
+      // The bookmarked group is gone: go on from the group that follows it.
+      PIM_TRACE(tracePacking, kBookmarkProcessed << resume.ptr());
+      data.bookmarkDel();
+      resume = nullptr;
+    }
+  }
 
   auto& groups = data.joinPruneGroupData();
   for (; groupIt != groups.end() && !p.full; ++groupIt) {
@@ -512,6 +523,49 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
 
     U32 joinedCount = 0;
     U32 prunedCount = 0;
+    // Packs one entry of a source collection: written, skipped (another family, suppressed or
+    // not encodable) or, when it does not fit, the bookmark is set and the message is full.
+    auto packEntry = [&](Collection collection, const Knet::IpGenAddr& s) -> Packed {
+      const CollectionInfo& info = collectionInfo[collection];
+      if (s.af() != family) {
+        PIM_TRACE(traceError, kEntryFamily << s.af() << " Source Address: " << s);
+        std::ostringstream f, a;
+        f << family;  // the message's family: "send ipv4 Join/Prune message with <ipv6 address>"
+        a << s;
+        PIM_MESSAGE_AF_MISMATCH.raise({f.str(), kMessageName, a.str()});
+        ++p.report.filtered;
+        return Packed::skipped;
+      }
+      if (collection == joined && p.periodic && group.joinSuppressSource().contains(s)) {
+        PIM_TRACE(tracePacking, "Joined Source Suppressed - Group: " << groupAddr << " Address: " << s);
+        group.joinSuppressSourceDel(s);
+        ++p.report.suppressed;
+        return Packed::skipped;
+      }
+      const bool join = collection == joinedRpt || collection == joined;
+      if (p.remaining < S64(p.encSize)) {
+        if (collection == prunedRpt) PIM_TRACE(tracePacking, kPackedRptPrunes);
+        p.bookmarkAt(groupAddr, collection, join, s);
+        PIM_TRACE(tracePacking, kSettingBookmark << data.bookmark().ptr());
+        p.full = true;
+        return Packed::full;
+      }
+      const U32 n = p.writeSource(s, info.flags);
+      if (n == 0) {
+        PIM_TRACE(traceError, info.writeError);
+        std::ostringstream a;
+        a << s;
+        PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
+        ++p.report.filtered;
+        return Packed::skipped;
+      }
+      p.pos += n;
+      p.remaining -= n;
+      ++p.sources;
+      ++(join ? joinedCount : prunedCount);
+      if (!p.periodic) PIM_TRACE(tracePacking, info.deleting << groupAddr << " Address: " << s);
+      return Packed::written;
+    };
     for (int c = startCollection; c < collections && !p.full; ++c) {
       const Collection collection = static_cast<Collection>(c);
       const CollectionInfo& info = collectionInfo[c];
@@ -524,7 +578,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
         if (wc.rp.af() != family) {
           PIM_TRACE(traceError, kRpFamily << wc.rp.af() << " (*,G) RP Address: " << wc.rp);
           std::ostringstream f, a;
-          f << wc.rp.af();
+          f << family;
           a << wc.rp;
           PIM_MESSAGE_AF_MISMATCH.raise({f.str(), kMessageName, a.str()});
           ++p.report.filtered;
@@ -567,78 +621,40 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
         continue;
       }
 
-      // The source collections: walk the set from the bookmarked source, note what was written,
-      // and delete it afterwards in a triggered message.
-      const bool join = collection == joinedRpt || collection == joined;
-      std::vector<Knet::IpGenAddr> sources;
-      switch (collection) {
-        case joinedRpt: sources.assign(group.joinedRptSource().begin(), group.joinedRptSource().end()); break;
-        case joined: sources.assign(group.joinedSource().begin(), group.joinedSource().end()); break;
-        case prunedRpt:
-          if (group.rptPrunedGroupData()) {
-            for (const auto& [s, v] : group.rptPrunedGroupData()->prunedRptSource()) sources.push_back(s);
-          }
-          break;
-        default: sources.assign(group.prunedSource().begin(), group.prunedSource().end()); break;
+      // The source collections, each walked in place from the bookmarked source.
+      const bool fromBookmark = collection == startCollection && startSource.isSet();
+      if (collection != prunedRpt) {
+        SourceSet& set = group.sourceSet(collection == joinedRpt ? 0 : collection == joined ? 1 : 2);
+        auto it = fromBookmark ? set.lowerBound(startSource) : set.begin();
+        const auto first = it;
+        U32 written = 0;
+        for (; it != set.end(); ++it) {
+          const Packed r = packEntry(collection, *it);
+          if (r == Packed::full) break;
+          written += r == Packed::written;
+        }
+        // In a triggered message the entries written go from the tree. Between `first` and where
+        // the walk stopped, the only entries not written are those of another family and the
+        // multicast ones that failed to encode (suppression applies to periodic messages only).
+        if (!p.periodic && written) {
+          set.eraseIf(first, it, [&](const Knet::IpGenAddr& a) { return a.af() == family && !a.isMulticast(); });
+        }
+        continue;
       }
-      auto it = sources.begin();
-      if (collection == startCollection && startSource.isSet()) {
-        it = std::lower_bound(sources.begin(), sources.end(), startSource);
-      }
+      if (!group.rptPrunedGroupData()) continue;
+      const auto& prunes = group.rptPrunedGroupData()->prunedRptSource();
       std::vector<Knet::IpGenAddr> written;
-      for (; it != sources.end(); ++it) {
-        const Knet::IpGenAddr& s = *it;
-        if (s.af() != family) {
-          PIM_TRACE(traceError, kEntryFamily << s.af() << " Source Address: " << s);
-          std::ostringstream f, a;
-          f << s.af();
-          a << s;
-          PIM_MESSAGE_AF_MISMATCH.raise({f.str(), kMessageName, a.str()});
-          ++p.report.filtered;
-          continue;
-        }
-        if (collection == joined && p.periodic && group.joinSuppressSource().contains(s)) {
-          PIM_TRACE(tracePacking, "Joined Source Suppressed - Group: " << groupAddr << " Address: " << s);
-          group.joinSuppressSourceDel(s);
-          ++p.report.suppressed;
-          continue;
-        }
-        if (p.remaining < S64(p.encSize)) {
-          if (collection == prunedRpt) PIM_TRACE(tracePacking, kPackedRptPrunes);
-          p.bookmarkAt(groupAddr, collection, join, s);
-          PIM_TRACE(tracePacking, kSettingBookmark << data.bookmark().ptr());
-          p.full = true;
-          break;
-        }
-        const U32 n = p.writeSource(s, info.flags);
-        if (n == 0) {
-          PIM_TRACE(traceError, info.writeError);
-          std::ostringstream a;
-          a << s;
-          PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
-          ++p.report.filtered;
-          continue;
-        }
-        p.pos += n;
-        p.remaining -= n;
-        ++p.sources;
-        (join ? joinedCount : prunedCount) += 1;
-        written.push_back(s);
-        if (!p.periodic) PIM_TRACE(tracePacking, info.deleting << groupAddr << " Address: " << s);
+      for (auto it = fromBookmark ? prunes.lowerBound(startSource) : prunes.begin(); it != prunes.end(); ++it) {
+        const Packed r = packEntry(prunedRpt, it->first);
+        if (r == Packed::full) break;
+        if (r == Packed::written) written.push_back(it->first);
       }
-      if (collection == prunedRpt && !written.empty()) {
+      if (!written.empty()) {
         // The prunes packed for this group, kept for the agent.
         Loom::Ptr<RptPrunedGroupData> packed = new RptPrunedGroupData;
-        for (const Knet::IpGenAddr& s : written) packed->prunedRptSourceIs(s, true);
+        for (const Knet::IpGenAddr& a : written) packed->prunedRptSourceIs(a, true);
         group.periodicPrunedRptGroupDataIs(packed);
-      }
-      if (!p.periodic && !written.empty()) {
-        switch (collection) {
-          case joinedRpt: group.joinedRptSourceDel(written); break;
-          case joined: group.joinedSourceDel(written); break;
-          case prunedRpt: group.prunedRptSourceDel(written); break;
-          default: group.prunedSourceDel(written); break;
-        }
+        if (!p.periodic) group.prunedRptSourceDel(written);
       }
     }
 

@@ -37,14 +37,6 @@ std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) {
   return std::nullopt;
 }
 
-U32 IpGenAddr::byteLength() const {
-  switch (af_) {
-    case AddressFamily::ipv4: return 4;
-    case AddressFamily::ipv6: return 16;
-    default: return 0;
-  }
-}
-
 U32 IpGenAddr::v4() const {
   if (af_ != AddressFamily::ipv4) return 0;
   return U32(bytes_[0]) << 24 | U32(bytes_[1]) << 16 | U32(bytes_[2]) << 8 | bytes_[3];
@@ -65,19 +57,9 @@ std::string IpGenAddr::str() const {
 
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& a) { return os << a.str(); }
 
-U8 IpGenPrefix::maxLength(AddressFamily af) {
-  switch (af) {
-    case AddressFamily::ipv4: return 32;
-    case AddressFamily::ipv6: return 128;
-    default: return 0;
-  }
-}
-
-IpGenPrefix::IpGenPrefix(const IpGenAddr& address, U8 length) : address_(address), length_(length) {
-  if (length > maxLength(address.af())) {
-    throw Loom::RangeException("IpGenPrefix: length " + std::to_string(length) + " exceeds " +
-                               std::to_string(maxLength(address.af())) + " for " + address.str());
-  }
+void IpGenPrefix::throwLength(const IpGenAddr& address, U8 length) {
+  throw Loom::RangeException("IpGenPrefix: length " + std::to_string(length) + " exceeds " +
+                             std::to_string(maxLength(address.af())) + " for " + address.str());
 }
 
 std::optional<IpGenPrefix> IpGenPrefix::parse(std::string_view text) {

@@ -45,7 +45,7 @@ class IpGenAddr {
   AddressFamily af() const { return af_; }
   bool isSet() const { return af_ != AddressFamily::ipUnknown; }
   // 4 for IPv4, 16 for IPv6, 0 when unset.
-  U32 byteLength() const;
+  U32 byteLength() const { return af_ == AddressFamily::ipv4 ? 4 : af_ == AddressFamily::ipv6 ? 16 : 0; }
   const U8* bytes() const { return bytes_.data(); }
   // The IPv4 address as a host-order number (0 for other families).
   U32 v4() const;
@@ -73,10 +73,18 @@ class IpGenAddr {
   // Orders by family, then by the address bytes.
   friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) {
     if (a.af_ != b.af_) return a.af_ <=> b.af_;
-    return a.bytes_ <=> b.bytes_;
+    const U64 a0 = a.word(0), b0 = b.word(0);
+    if (a0 != b0) return a0 <=> b0;
+    return a.word(1) <=> b.word(1);
   }
 
  private:
+  // Bytes 8i to 8i+7 as a big-endian number: ordering the words orders the bytes.
+  U64 word(int i) const {
+    U64 w;
+    std::memcpy(&w, bytes_.data() + 8 * i, 8);
+    return __builtin_bswap64(w);
+  }
   alignas(8) std::array<U8, 16> bytes_{};
   AddressFamily af_ = AddressFamily::ipUnknown;
 };
@@ -87,14 +95,18 @@ std::ostream& operator<<(std::ostream& os, const IpGenAddr& a);
 class IpGenPrefix {
  public:
   IpGenPrefix() = default;
-  IpGenPrefix(const IpGenAddr& address, U8 length);
+  IpGenPrefix(const IpGenAddr& address, U8 length) : address_(address), length_(length) {
+    if (length > maxLength(address.af())) [[unlikely]] throwLength(address, length);
+  }
   // "addr/len"; nullopt on bad text, a bad length raises as the constructor does.
   static std::optional<IpGenPrefix> parse(std::string_view text);
 
   AddressFamily af() const { return address_.af(); }
   const IpGenAddr& address() const { return address_; }
   U8 length() const { return length_; }
-  static U8 maxLength(AddressFamily af);
+  static constexpr U8 maxLength(AddressFamily af) {
+    return af == AddressFamily::ipv4 ? 32 : af == AddressFamily::ipv6 ? 128 : 0;
+  }
   bool isHostPrefix() const { return af() != AddressFamily::ipUnknown && length_ == maxLength(af()); }
   // True if addr lies inside this prefix (same family, leading `length` bits equal).
   bool contains(const IpGenAddr& addr) const;
@@ -103,6 +115,7 @@ class IpGenPrefix {
   friend std::strong_ordering operator<=>(const IpGenPrefix&, const IpGenPrefix&) = default;
 
  private:
+  [[noreturn, gnu::cold]] static void throwLength(const IpGenAddr& address, U8 length);
   IpGenAddr address_;
   U8 length_ = 0;
 };

@@ -14,46 +14,78 @@ class FlatSet {
  public:
   using const_iterator = typename std::vector<K>::const_iterator;
 
-  size_t size() const { return items_.size(); }
-  bool empty() const { return items_.empty(); }
-  const_iterator begin() const { return items_.begin(); }
-  const_iterator end() const { return items_.end(); }
-  void reserve(size_t n) { items_.reserve(n); }
+  size_t size() const { return items_.size() - head_; }
+  bool empty() const { return size() == 0; }
+  const_iterator begin() const { return items_.cbegin() + head_; }
+  const_iterator end() const { return items_.cend(); }
+  void reserve(size_t n) { items_.reserve(head_ + n); }
 
-  bool contains(const K& k) const { return std::binary_search(items_.begin(), items_.end(), k); }
-  // The first key not less than k.
-  const_iterator lowerBound(const K& k) const { return std::lower_bound(items_.begin(), items_.end(), k); }
-  // Adds k; returns false if it was already there.
+  bool contains(const K& k) const { return std::binary_search(begin(), end(), k); }
+  const_iterator lowerBound(const K& k) const { return std::lower_bound(begin(), end(), k); }
   bool insert(const K& k) {
-    if (items_.empty() || items_.back() < k) {
+    if (empty()) [[unlikely]] clear();
+    if (items_.empty() || items_.back() < k) [[likely]] {
       items_.push_back(k);
       return true;
     }
-    auto it = std::lower_bound(items_.begin(), items_.end(), k);
-    if (it != items_.end() && *it == k) return false;
-    items_.insert(it, k);
-    return true;
+    return insertInside(k);
   }
-  // Removes k; returns false if it was not there.
+  // Removes, from [first, last), the keys for which pred is true. A removed prefix costs nothing:
+  // the set only moves its start, and compacts once half of its storage is behind it.
+  template <class Pred>
+  void eraseIf(const_iterator first, const_iterator last, Pred pred) {
+    if (first == begin() && std::all_of(first, last, pred)) {
+      head_ += static_cast<size_t>(last - first);
+      if (head_ == items_.size()) {
+        clear();
+      } else if (head_ > items_.size() / 2) {
+        compact();
+      }
+      return;
+    }
+    const auto from = first - begin(), to = last - begin();
+    compact();
+    auto f = items_.begin() + from;
+    auto l = items_.begin() + to;
+    items_.erase(std::remove_if(f, l, pred), l);
+  }
   bool erase(const K& k) {
+    compact();
     auto it = std::lower_bound(items_.begin(), items_.end(), k);
     if (it == items_.end() || !(*it == k)) return false;
     items_.erase(it);
     return true;
   }
-  // Removes the keys of a sorted list, in one pass.
   void eraseSorted(const std::vector<K>& keys) {
+    compact();
     auto next = keys.begin();
     std::erase_if(items_, [&](const K& k) {
       while (next != keys.end() && *next < k) ++next;
       return next != keys.end() && *next == k;
     });
   }
-  void clear() { items_.clear(); }
-  friend bool operator==(const FlatSet&, const FlatSet&) = default;
+  void clear() {
+    items_.clear();
+    head_ = 0;
+  }
+  friend bool operator==(const FlatSet& a, const FlatSet& b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
 
  private:
+  // Note: the position of a const_iterator is invalidated by compact() as by any erase.
+  void compact() {
+    if (head_ == 0) return;
+    items_.erase(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(head_));
+    head_ = 0;
+  }
+  [[gnu::noinline]] bool insertInside(const K& k) {
+    compact();
+    auto it = std::lower_bound(items_.begin(), items_.end(), k);
+    if (it != items_.end() && *it == k) return false;
+    items_.insert(it, k);
+    return true;
+  }
   std::vector<K> items_;
+  size_t head_ = 0;
 };
 
 template <class K, class V>
