@@ -105,6 +105,22 @@ class EncodedSourceAddress : public Loom::Entity {
   U32 writeSourceAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
   bool valid() const;
 
+  // The fast path of decoders that read long source lists: reads the encoding at offset if it is
+  // a well-formed source of the family that valid() accepts (native encoding, host mask, unicast,
+  // not all zeros) and returns its size. Returns 0 and reads nothing for anything else, which
+  // readSourceAddress() and valid() then take with their checks and texts.
+  static U32 readValidHostSource(const U8* data, U32 size, U32 offset, Knet::AddressFamily af, SourceAddress& out) {
+    const U32 width = af == Knet::AddressFamily::ipv4 ? 4 : 16;
+    if (offset > size || size - offset < 4 + width) return 0;
+    const U8* p = data + offset;
+    if (p[0] != static_cast<U8>(af) || p[1] != defaultEncoding || p[3] != Knet::IpGenPrefix::maxLength(af)) return 0;
+    const Knet::IpGenAddr a = Knet::IpGenAddr::fromBytes(af, p + 4);
+    if (a.isMulticast() || a.isZero()) return 0;
+    out.address = a;
+    out.flags = SourceFlags(p[2]);
+    return 4 + width;
+  }
+
  private:
   Knet::IpGenPrefix prefix_;
   SourceFlags flags_;

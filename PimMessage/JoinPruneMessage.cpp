@@ -172,6 +172,8 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
   EncodedGroupAddress& encGroup = scratchGroupAddress();
   EncodedSourceAddress& encSource = scratchSourceAddress();
   data->joinPruneGroupData().reserve(numGroups);
+  const U8* const bytes = pkt->data();
+  const U32 bytesSize = pkt->size();
   for (U32 g = 0; g < numGroups; ++g) {
     const U32 groupLen = encGroup.readGroupAddress(pkt, static_cast<U32>(pos));
     if (groupLen == 0) {
@@ -216,24 +218,32 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     bool starGPrune = false;
     for (U32 i = 0; i < U32(numJoined) + numPruned; ++i) {
       const bool join = i < numJoined;
-      const SideTexts& texts = join ? joinedTexts : prunedTexts;
-      const U32 sourceLen = encSource.readSourceAddress(pkt, static_cast<U32>(pos));
-      if (sourceLen == 0) {
-        PIM_TRACE(traceError, texts.parse);
-        return 0;
+      SourceAddress source;
+      if (const U32 n = EncodedSourceAddress::readValidHostSource(bytes, bytesSize, static_cast<U32>(pos), family, source)) {
+        pos += n;
+        remaining -= n;
+      } else {
+        const SideTexts& texts = join ? joinedTexts : prunedTexts;
+        const U32 sourceLen = encSource.readSourceAddress(pkt, static_cast<U32>(pos));
+        if (sourceLen == 0) {
+          PIM_TRACE(traceError, texts.parse);
+          return 0;
+        }
+        pos += sourceLen;
+        remaining -= sourceLen;
+        source.address = encSource.prefix().address();
+        source.flags = encSource.flags();
+        if (!encSource.valid()) {
+          PIM_TRACE(traceWarning, texts.invalid << source.address);
+          continue;
+        }
+        if (source.address.af() != family) {
+          PIM_TRACE(traceWarning, kSourceFamily << family << "Source Address: " << source.address);
+          continue;
+        }
       }
-      pos += sourceLen;
-      remaining -= sourceLen;
-      const Knet::IpGenAddr s = encSource.prefix().address();
-      if (!encSource.valid()) {
-        PIM_TRACE(traceWarning, texts.invalid << s);
-        continue;
-      }
-      if (s.af() != family) {
-        PIM_TRACE(traceWarning, kSourceFamily << family << "Source Address: " << s);
-        continue;
-      }
-      const SourceFlags flags = encSource.flags();
+      const Knet::IpGenAddr& s = source.address;
+      const SourceFlags flags = source.flags;
       if (flags.wc() && !flags.rpt()) {
         PIM_TRACE(traceError, kWcWithoutRpt);
         continue;
