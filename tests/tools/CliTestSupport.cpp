@@ -158,6 +158,28 @@ Bytes pimMessage(U8 type, const Bytes& body) {
   return m;
 }
 
+Bytes ipv6Pim(U8 type, const Bytes& body) {
+  const Bytes src{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x09};
+  const Bytes dst{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x0d};
+  Bytes m{type, 0x00, 0x00, 0x00};
+  m.insert(m.end(), body.begin(), body.end());
+  // The pseudo-header: source, destination, upper-layer length (32 bits), three zeros, 103.
+  Bytes summed = src;
+  summed.insert(summed.end(), dst.begin(), dst.end());
+  appendU16(summed, 0);
+  appendU16(summed, static_cast<U16>(m.size()));
+  summed.insert(summed.end(), {0, 0, 0, 103});
+  summed.insert(summed.end(), m.begin(), m.end());
+  storeU16(m, 2, Knet::internetChecksum(summed.data(), summed.size()));
+  Bytes ip{0x6c, 0x00, 0x00, 0x00};
+  appendU16(ip, static_cast<U16>(m.size()));
+  ip.insert(ip.end(), {103, 1});
+  ip.insert(ip.end(), src.begin(), src.end());
+  ip.insert(ip.end(), dst.begin(), dst.end());
+  ip.insert(ip.end(), m.begin(), m.end());
+  return ip;
+}
+
 void ipv4ChecksumIs(Bytes& ip) {
   const size_t headerLength = (ip[0] & 0x0f) * 4u;
   storeU16(ip, 10, 0);

@@ -61,6 +61,9 @@ Bytes pimMessage(U8 type, const Bytes& body);
 // An IPv4 packet 192.0.2.9 -> 224.0.0.13 with TTL 1; `options` (a multiple of 4 bytes) extend
 // the header. Header checksum set.
 Bytes ipv4(const Bytes& payload, U8 protocol = 103, U16 fragmentField = 0, const Bytes& options = {});
+// An IPv6 packet fe80::9 -> ff02::d with traffic class 192 and hop limit 1 around a PIM message
+// of the first byte `type` with `body` behind the header, its checksum set over the pseudo-header.
+Bytes ipv6Pim(U8 type, const Bytes& body);
 // Recomputes an IPv4 header's checksum after a test changed it.
 void ipv4ChecksumIs(Bytes& ip);
 

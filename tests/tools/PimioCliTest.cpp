@@ -1,5 +1,6 @@
 // Tests of the pimio command line, run as a user runs it: the built binary on capture files that
 // the tests write (or the committed sample), its output, summary and exit status.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 #include <unistd.h>
@@ -234,6 +235,8 @@ struct PacketCase {
   std::string text;                   // decoded: the message text; unsupported: the type's name
   std::vector<std::string> problems;  // failed: failure texts; decoded: warnings
   U32 wireLength = 0;                 // longer than the frame for a cut capture
+  std::string reason = {};            // failed: the JSON "error" when it is not the first text
+  std::vector<std::string> trace = {};  // failed: the JSON "trace" when it holds warnings too
 };
 
 // holdtime 105: 20 00 df93 | 0001 0002 0069.
@@ -244,10 +247,54 @@ Bytes concat(Bytes a, const Bytes& b) {
   return a;
 }
 
-Bytes cut(Bytes b, size_t n) {
-  b.resize(b.size() - n);
+Bytes cut(const Bytes& b, size_t n) { return Bytes(b.begin(), b.end() - static_cast<std::ptrdiff_t>(n)); }
+
+// ---- Hand-made Join/Prunes ----
+
+// Source flags: S (sparse), W (wildcard), R (RPT).
+constexpr U8 sg = 0x04;
+constexpr U8 sgRpt = 0x05;
+constexpr U8 starG = 0x07;
+
+Bytes addressBytes(const std::string& text) {
+  const bool v6 = text.find(':') != std::string::npos;
+  Bytes b(v6 ? 16 : 4);
+  if (inet_pton(v6 ? AF_INET6 : AF_INET, text.c_str(), b.data()) != 1) throw std::invalid_argument(text);
   return b;
 }
+
+U8 familyOf(const std::string& text) { return text.find(':') != std::string::npos ? 2 : 1; }
+U8 hostMask(const std::string& text) { return familyOf(text) == 2 ? 128 : 32; }
+
+// Encoded-Unicast: family, encoding 0, the address.
+Bytes encodedUnicast(const std::string& a) { return concat({familyOf(a), 0}, addressBytes(a)); }
+// Encoded-Group and Encoded-Source: family, encoding 0, flags, mask length, the address.
+Bytes encodedGroup(const std::string& a, U8 flags = 0, int mask = -1) {
+  return concat({familyOf(a), 0, flags, static_cast<U8>(mask < 0 ? hostMask(a) : mask)}, addressBytes(a));
+}
+Bytes encodedSource(const std::string& a, U8 flags) { return concat({familyOf(a), 0, flags, hostMask(a)}, addressBytes(a)); }
+
+struct JpGroup {
+  Bytes group;
+  std::vector<Bytes> joins;
+  std::vector<Bytes> prunes;
+};
+
+// The body of a Join/Prune: upstream neighbor, reserved, group count, holdtime, the groups.
+Bytes joinPruneBody(const std::string& upstream, U16 holdtime, const std::vector<JpGroup>& groups) {
+  Bytes b = concat(encodedUnicast(upstream), {0x00, static_cast<U8>(groups.size()), U8(holdtime >> 8), U8(holdtime)});
+  for (const JpGroup& g : groups) {
+    b = concat(b, g.group);
+    b = concat(b, {U8(g.joins.size() >> 8), U8(g.joins.size()), U8(g.prunes.size() >> 8), U8(g.prunes.size())});
+    for (const Bytes& s : g.joins) b = concat(b, s);
+    for (const Bytes& s : g.prunes) b = concat(b, s);
+  }
+  return b;
+}
+
+// An IPv4 Join/Prune from 192.0.2.9 to ALL-PIM-ROUTERS, or an IPv6 one from fe80::9.
+Bytes joinPrune4(const Bytes& body) { return ipv4(pimMessage(0x23, body)); }
+Bytes joinPrune6(const Bytes& body) { return ipv6Pim(0x23, body); }
 
 std::vector<PacketCase> packetCases() {
   const std::vector<Bytes> sample = readCapture(samplePcap);
@@ -344,8 +391,76 @@ std::vector<PacketCase> packetCases() {
   cases.push_back({"Ipv6PayloadShorterThanExtensions", Outcome::failed, ethernet(shortPayload), "",
                    {"Invalid IPv6 Header - Extension Headers: 8 bytes Payload Length: 4"}});
 
+  // Join/Prunes that fail. The decoder's notes about entries it drops on the way, and the
+  // counters it traces before "Zero Valid Num Groups", are not the reason of the failure.
+  const JpGroup starGJoin{encodedGroup("239.1.2.3"), {encodedSource("10.99.0.1", starG)}, {}};
+  const Bytes oneGroup = joinPruneBody("10.99.0.1", 210, {starGJoin});
+  const std::string zeroValid = "Invalid Pim Join/Prune - Zero Valid Num Groups";
+  cases.push_back({"JoinPruneWithoutGroups", Outcome::failed, ethernet(joinPrune4(joinPruneBody("10.99.0.1", 210, {}))),
+                   "", {"0, 0, 0", zeroValid}, 0, zeroValid});
+  cases.push_back({"JoinPruneGroupWithoutSources", Outcome::failed,
+                   ethernet(joinPrune4(joinPruneBody("10.99.0.1", 210, {{encodedGroup("239.1.2.3"), {}, {}}}))), "",
+                   {"Invalid Pim Join/Prune - Zero Num Sources In Group 239.1.2.3", "0, 0, 0", zeroValid}, 0, zeroValid});
+  cases.push_back({"JoinPruneTrailingBytes", Outcome::failed, ethernet(joinPrune4(concat(oneGroup, {0, 0}))), "",
+                   {"Invalid Pim Join/Prune - End of Message - Remaining: 2"}});
+  const Bytes conflict =
+      joinPruneBody("10.99.0.1", 210, {{encodedGroup("239.1.2.3"), {encodedSource("10.1.1.1", sg)}, {encodedSource("10.1.1.1", sg)}}});
+  cases.push_back({"JoinPruneConflictThenTrailingBytes", Outcome::failed, ethernet(joinPrune4(concat(conflict, {0, 0, 0, 0}))),
+                   "",
+                   {"Invalid Pim Join/Prune Source - Source 10.1.1.1 is both joined and pruned (S,G) source.  Only "
+                    "processing  it as a pruned (S,G) source.",
+                    "Invalid Pim Join/Prune - End of Message - Remaining: 4"},
+                   0, "Invalid Pim Join/Prune - End of Message - Remaining: 4"});
+  // A source that fails the address checks is skipped, with a level-1 text and a warning.
+  const Bytes multicastSource = joinPruneBody(
+      "10.99.0.1", 210, {{encodedGroup("239.1.2.3"), {encodedSource("224.1.1.1", sg), encodedSource("10.1.1.1", sg)}, {}}});
+  cases.push_back({"JoinPruneSkippedSourceThenTrailingBytes", Outcome::failed,
+                   ethernet(joinPrune4(concat(multicastSource, {0, 0}))), "",
+                   {"Invalid Encoded Source Address - Not Unicast - Address: 224.1.1.1",
+                    "Invalid Pim Join/Prune - End of Message - Remaining: 2"},
+                   0, "Invalid Pim Join/Prune - End of Message - Remaining: 2",
+                   {"Invalid Encoded Source Address - Not Unicast - Address: 224.1.1.1",
+                    "Warning: Pim Join/Prune - Joined Source Address - Skipping Invalid Address: 224.1.1.1",
+                    "Invalid Pim Join/Prune - End of Message - Remaining: 2"}});
+  Bytes twoGroupsClaimed = oneGroup;
+  twoGroupsClaimed[7] = 2;  // the group count
+  cases.push_back({"JoinPruneEndsBeforeSecondGroup", Outcome::failed, ethernet(joinPrune4(twoGroupsClaimed)), "",
+                   {"Invalid Encoded Group Address - Family and Encoding Length - Remaining: 0 Expected: 4",
+                    "Invalid Pim Join/Prune - Group Address - Parse Error"}});
+  Bytes twoJoinsClaimed = oneGroup;
+  twoJoinsClaimed[19] = 2;  // the joined count of the group
+  cases.push_back({"JoinPruneEndsInJoinList", Outcome::failed, ethernet(joinPrune4(twoJoinsClaimed)), "",
+                   {"Invalid Encoded Source Address - Family and Encoding Length - Remaining: 0 Expected: 4",
+                    "Invalid Pim Join/Prune - Joined Source Address - Parse Error"}});
+  // The upstream neighbor, the counts and holdtime, the group address and 2 bytes of its counts.
+  const Bytes endsInCounts(oneGroup.begin(), oneGroup.begin() + 20);
+  cases.push_back({"JoinPruneEndsInGroupCounts", Outcome::failed, ethernet(joinPrune4(endsInCounts)), "",
+                   {"Invalid Pim Join/Prune - Number of Sources - Remaining: 2 Expected: 4"}});
+  cases.push_back({"JoinPruneEndsAfterUpstream", Outcome::failed,
+                   ethernet(joinPrune4(concat(encodedUnicast("10.99.0.1"), {0, 1}))), "",
+                   {"Invalid Pim Join/Prune - J/P Info Length - Remaining: 2 Expected: 4"}});
+  cases.push_back({"JoinPruneMulticastUpstream", Outcome::failed,
+                   ethernet(joinPrune4(joinPruneBody("224.0.0.2", 210, {starGJoin}))), "",
+                   {"Invalid Encoded Unicast Address - Not Unicast - Address: 224.0.0.2",
+                    "Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Address: 224.0.0.2"}});
+  cases.push_back({"JoinPruneIpv6UpstreamInIpv4", Outcome::failed,
+                   ethernet(joinPrune4(joinPruneBody("2001:db8::2", 210, {starGJoin}))), "",
+                   {"Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Family - Family: ipv4Upstream Address: "
+                    "2001:db8::2"}});
+  Bytes jpBadChecksum = pimMessage(0x23, oneGroup);
+  jpBadChecksum[3] ^= 0x01;
+  cases.push_back({"JoinPruneBadChecksum", Outcome::failed, ethernet(ipv4(jpBadChecksum)), "",
+                   {"Invalid Pim Message - Checksum - Received: " + std::to_string(readU16Be(jpBadChecksum, 2)) +
+                        " Calculated: 65534",
+                    "Invalid Pim Join/Prune - Header - Parse Error"}});
+  // Read again in bidirectional mode, a message of B groups fails there for its trailing bytes.
+  const Bytes bidirGroup = joinPruneBody(
+      "10.99.0.1", 210, {{encodedGroup("239.1.2.3", 0x80), {encodedSource("10.99.0.1", starG)}, {}}});
+  cases.push_back({"JoinPruneBidirTrailingBytes", Outcome::failed, ethernet(joinPrune4(concat(bidirGroup, {0, 0}))), "",
+                   {"Invalid Pim Join/Prune - End of Message - Remaining: 2"}});
+
   // Types without a decoder yet.
-  cases.push_back({"JoinPrune", Outcome::unsupported, ethernet(ipv4(pimMessage(0x23, Bytes(8, 0)))), "joinPrune", {}});
+  cases.push_back({"Assert", Outcome::unsupported, ethernet(ipv4(pimMessage(0x25, Bytes(8, 0)))), "assert", {}});
   cases.push_back({"Register", Outcome::unsupported, ethernet(ipv4(pimMessage(0x21, Bytes(8, 0)))), "register", {}});
   cases.push_back({"TypeWithoutName", Outcome::unsupported, ethernet(ipv4(pimMessage(0x2c, {}))), "type12", {}});
 
@@ -427,8 +542,8 @@ TEST_F(PimioCli, BadPacketsAreReportedAsJson) {
         }
         break;
       case Outcome::failed:
-        EXPECT_EQ(line["error"], c.problems.front());
-        EXPECT_EQ(line["trace"], c.problems);
+        EXPECT_EQ(line["error"], c.reason.empty() ? c.problems.front() : c.reason);
+        EXPECT_EQ(line["trace"], c.trace.empty() ? c.problems : c.trace);
         EXPECT_FALSE(line.contains("type"));
         break;
       case Outcome::unsupported:
@@ -536,6 +651,7 @@ TEST_F(PimioCli, ImplPropagationDelayWinsOverItsViews) {
 TEST_F(PimioCli, LinesThatCannotBeEncodedAreReportedAndSkipped) {
   const std::string good = R"({"family":4,"src":"192.0.2.1","type":"hello","holdTimeOption":true,"holdTime":105})";
   const std::string v4 = R"({"family":4,"src":"192.0.2.1","type":"hello",)";
+  const std::string jp = R"({"family":4,"src":"10.0.0.1","type":"joinPrune","upstream":"10.0.0.2",)";
   struct {
     std::string line;
     std::string report;  // "" for a line that is encoded
@@ -551,7 +667,7 @@ TEST_F(PimioCli, LinesThatCannotBeEncodedAreReportedAndSkipped) {
       {R"({"family":6,"src":"192.0.2.1","type":"hello"})", R"(FAILED: src: expected an IPv6 address, got "192.0.2.1")"},
       {R"({"family":4,"src":"192.0.2.1","dst":"ff02::d","type":"hello"})",
        R"(FAILED: dst: expected an IPv4 address, got "ff02::d")"},
-      {R"({"family":4,"src":"192.0.2.1","type":"joinPrune"})", R"(FAILED: type: no encoder for "joinPrune")"},
+      {R"({"family":4,"src":"192.0.2.1","type":"assert"})", R"(FAILED: type: no encoder for "assert")"},
       {v4 + R"("holdtime":105})", R"(FAILED: unknown attribute "holdtime")"},
       {v4 + R"("holdTime":"105"})", R"(FAILED: holdTime: expected an unsigned integer up to 65535, got "105")"},
       {v4 + R"("holdTime":65536})", "FAILED: holdTime: expected an unsigned integer up to 65535, got 65536"},
@@ -572,6 +688,37 @@ TEST_F(PimioCli, LinesThatCannotBeEncodedAreReportedAndSkipped) {
        "Invalid Pim Hello - Address List Option - Unicast Address - Write Error"},
       {v4 + R"("tcpConnectionOption":true})",
        "FAILED: Invalid Pim Hello - tcpConnectionId Option - Family: ipUnknown(0)"},
+      // Join/Prune trees that cannot be read, and the encoder's failures.
+      {jp + R"("groups":5})", "FAILED: groups: expected a list of groups, got 5"},
+      {jp + R"("groups":[{"joined":[]}]})", R"(FAILED: groups: group 1: missing "group")"},
+      {jp + R"("groups":[{"group":null}]})", "FAILED: groups: group 1: group: expected an IPv4 or IPv6 address, got null"},
+      {jp + R"("groups":[{"group":"239.1.1.1","joins":[]}]})", R"(FAILED: groups: group 1: unknown member "joins")"},
+      {jp + R"("groups":[{"group":"239.1.1.1","starG":{"join":true}}]})",
+       R"(FAILED: groups: group 1: starG: missing "rp")"},
+      {jp + R"("groups":[{"group":"239.1.1.1","starG":"10.0.0.9"}]})",
+       R"(FAILED: groups: group 1: starG: expected {"rp":ADDR,"join":BOOL} or null, got "10.0.0.9")"},
+      {jp + R"("groups":[{"group":"239.1.1.1","starG":{"rp":"10.0.0.9","wcSuppressed":1}}]})",
+       "FAILED: groups: group 1: starG: wcSuppressed: expected true or false, got 1"},
+      {jp + R"("groups":[{"group":"239.1.1.1","joined":["10.1.1.1"]},{"group":"239.1.1.1"}]})",
+       "FAILED: groups: group 2: group 239.1.1.1 is listed twice"},
+      {jp + R"("groups":[{"group":"239.1.1.1","joined":"10.1.1.1"}]})",
+       R"(FAILED: groups: group 1: joined: expected a list of addresses, got "10.1.1.1")"},
+      {jp + R"("groups":[{"group":"239.1.1.1","groupFlags":256}]})",
+       "FAILED: groups: group 1: groupFlags: expected an unsigned integer up to 255, got 256"},
+      {jp + R"("report":3,"groups":[]})", R"(FAILED: report: expected {"processed":N,"suppressed":N,"filtered":N}, got 3)"},
+      {jp + R"("mtu":-1,"groups":[]})", "FAILED: mtu: expected an unsigned integer up to 4294967295, got -1"},
+      {jp + R"("periodic":"yes","groups":[]})", R"(FAILED: periodic: expected true or false, got "yes")"},
+      {jp + R"("groups":[]})", "FAILED: Invalid Pim Join/Prune - Zero Num Groups"},
+      {R"({"family":4,"src":"10.0.0.1","type":"joinPrune","groups":[{"group":"239.1.1.1","joined":["10.1.1.1"]}]})",
+       "FAILED: Invalid Pim Join/Prune - Invalid Family - Family: ipUnknown(0) Upstream Address: unset"},
+      {jp + R"("mtu":70000,"groups":[{"group":"239.1.1.1","joined":["10.1.1.1"]}]})",
+       "FAILED: Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: 69976 Buffer: 65515"},
+      {jp + R"("mtu":40,"groups":[{"group":"239.1.1.1","joined":["10.1.1.1"]}]})",
+       "FAILED: Invalid Pim Join/Prune - Insufficient MTU Size - Remaining: 2 Minimum Expected: 20"},
+      // Groups that the encoder filters are named when nothing is left to write.
+      {jp + R"("groups":[{"group":"239.1.1.1","groupFlags":128,"joined":["10.1.1.1"]}]})",
+       "FAILED: Pim Join/Prune - Bidirectional Filter - Filtered Group Address: 239.1.1.1 Bidirectional: 1 "
+       "Msg Bidirectional Support: 0; Invalid Pim Join/Prune - Zero Num Groups"},
       // What decode --json prints for packets it could not decode.
       {R"({"frame":3,"family":4,"src":"192.0.2.1","dst":"224.0.0.13","error":"x","trace":["x"]})",
        "skipped: a packet that failed to decode"},
@@ -622,6 +769,395 @@ TEST_F(PimioCli, EncodeExitsWith2WhenItCannotOpenItsFiles) {
   EXPECT_EQ(noInput.err, "pimio encode: " + path("missing.jsonl") + ": cannot open\n");
 }
 
+// ---- Join/Prune ----
+
+// One hand-made Join/Prune: the line decode prints for it, in text (the message text) and JSON
+// (the members behind "type"), and whether it is canonical, that is laid out as the encoder lays
+// out a tree: groups and sources in address order, (S,G,rpt) joins, (S,G) joins, the (*,G)
+// entry, (S,G,rpt) prunes, (S,G) prunes.
+struct JoinPruneCase {
+  const char* name;
+  Bytes ip;
+  std::string text;
+  std::vector<std::string> warnings;
+  std::string json;
+  bool canonical;
+};
+
+std::vector<JoinPruneCase> joinPruneCases() {
+  const std::string noEntries = R"("joinedRpt":[],"joined":[],"prunedRpt":[],"pruned":[])";
+  return {
+      {"StarGJoin",
+       joinPrune4(joinPruneBody("10.99.0.1", 7, {{encodedGroup("239.1.2.3"), {encodedSource("10.99.0.1", starG)}, {}}})),
+       "type=joinPrune | upstream=10.99.0.1, holdtime=7, numGroups=1, groups=[ group=( address=239.1.2.3, "
+       "flags=0x00 ) / join= 10.99.0.1, (*,G) ]",
+       {},
+       R"({"reserved":0,"bidir":false,"upstream":"10.99.0.1","reserved2":0,"holdTime":7,"groups":[
+           {"group":"239.1.2.3","groupFlags":0,"starG":{"rp":"10.99.0.1","join":true},)" + noEntries + R"(}],
+           "report":{"processed":1,"suppressed":0,"filtered":0}})",
+       true},
+      // Groups out of order; every kind of entry. The tree keeps groups in address order.
+      {"EveryKindInTwoGroups",
+       joinPrune4(joinPruneBody(
+           "10.0.0.2", 210,
+           {{encodedGroup("239.1.1.2"), {encodedSource("10.3.3.3", sgRpt)}, {encodedSource("10.2.2.2", sg)}},
+            {encodedGroup("239.1.1.1"),
+             {encodedSource("10.1.1.1", sg), encodedSource("10.0.0.9", starG)},
+             {encodedSource("10.1.1.2", sgRpt), encodedSource("10.1.1.3", sg)}}})),
+       "type=joinPrune | upstream=10.0.0.2, holdtime=210, numGroups=2, groups=[ group=( address=239.1.1.1, "
+       "flags=0x00 ) / join=10.1.1.1, (S,G) / join= 10.0.0.9, (*,G) / prune=10.1.1.2, (S,G,rpt) / "
+       "prune=10.1.1.3, (S,G) / group=( address=239.1.1.2, flags=0x00 ) / join=10.3.3.3, (S,G,rpt) / "
+       "prune=10.2.2.2, (S,G) ]",
+       {},
+       R"({"reserved":0,"bidir":false,"upstream":"10.0.0.2","reserved2":0,"holdTime":210,"groups":[
+           {"group":"239.1.1.1","groupFlags":0,"starG":{"rp":"10.0.0.9","join":true},"joinedRpt":[],
+            "joined":["10.1.1.1"],"prunedRpt":["10.1.1.2"],"pruned":["10.1.1.3"]},
+           {"group":"239.1.1.2","groupFlags":0,"starG":null,"joinedRpt":["10.3.3.3"],"joined":[],
+            "prunedRpt":[],"pruned":["10.2.2.2"]}],
+           "report":{"processed":6,"suppressed":0,"filtered":0}})",
+       false},
+      {"Ipv6",
+       joinPrune6(joinPruneBody(
+           "fe80::2", 210,
+           {{encodedGroup("ff3e::1"), {encodedSource("2001:db8::5", sg)}, {encodedSource("2001:db8::9", starG)}}})),
+       "type=joinPrune | upstream=fe80::2, holdtime=210, numGroups=1, groups=[ group=( address=ff3e::1, "
+       "flags=0x00 ) / join=2001:db8::5, (S,G) / prune= 2001:db8::9, (*,G) ]",
+       {},
+       R"({"reserved":0,"bidir":false,"upstream":"fe80::2","reserved2":0,"holdTime":210,"groups":[
+           {"group":"ff3e::1","groupFlags":0,"starG":{"rp":"2001:db8::9","join":false},"joinedRpt":[],
+            "joined":["2001:db8::5"],"prunedRpt":[],"pruned":[]}],
+           "report":{"processed":2,"suppressed":0,"filtered":0}})",
+       true},
+      // Every group has the B flag: decoded again in bidirectional mode.
+      {"BidirectionalGroups",
+       joinPrune4(joinPruneBody("10.0.0.2", 210,
+                                {{encodedGroup("239.1.1.1", 0x80), {encodedSource("10.0.0.9", starG)}, {}},
+                                 {encodedGroup("239.1.1.2", 0x81), {}, {encodedSource("10.0.0.9", starG)}}})),
+       "type=joinPrune | upstream=10.0.0.2, holdtime=210, numGroups=2, groups=[ group=( address=239.1.1.1, "
+       "flags=0x80(B) ) / join= 10.0.0.9, (*,G) / group=( address=239.1.1.2, flags=0x81(B,Z) ) / "
+       "prune= 10.0.0.9, (*,G) ]",
+       {},
+       R"({"reserved":0,"bidir":true,"upstream":"10.0.0.2","reserved2":0,"holdTime":210,"groups":[
+           {"group":"239.1.1.1","groupFlags":128,"starG":{"rp":"10.0.0.9","join":true},)" + noEntries + R"(},
+           {"group":"239.1.1.2","groupFlags":129,"starG":{"rp":"10.0.0.9","join":false},)" + noEntries + R"(}],
+           "report":{"processed":2,"suppressed":0,"filtered":0}})",
+       true},
+      // A sparse-mode group beside a bidirectional one: sparse mode, the other group filtered.
+      {"MixedModes",
+       joinPrune4(joinPruneBody("10.0.0.2", 210,
+                                {{encodedGroup("239.1.1.1", 0x80), {encodedSource("10.0.0.9", starG)}, {}},
+                                 {encodedGroup("239.1.1.2"), {encodedSource("10.1.1.1", sg)}, {}}})),
+       "type=joinPrune | upstream=10.0.0.2, holdtime=210, numGroups=1, groups=[ group=( address=239.1.1.2, "
+       "flags=0x00 ) / join=10.1.1.1, (S,G) ]",
+       {},
+       R"({"reserved":0,"bidir":false,"upstream":"10.0.0.2","reserved2":0,"holdTime":210,"groups":[
+           {"group":"239.1.1.2","groupFlags":0,"starG":null,"joinedRpt":[],"joined":["10.1.1.1"],"prunedRpt":[],
+            "pruned":[]}],
+           "report":{"processed":1,"suppressed":0,"filtered":1}})",
+       false},
+      // Entries that contradict each other or are malformed are dropped with a note.
+      {"JoinedAndPrunedSource",
+       joinPrune4(joinPruneBody("10.0.0.2", 210,
+                                {{encodedGroup("239.1.1.1"), {encodedSource("10.1.1.1", sg)}, {encodedSource("10.1.1.1", sg)}}})),
+       "type=joinPrune | upstream=10.0.0.2, holdtime=210, numGroups=1, groups=[ group=( address=239.1.1.1, "
+       "flags=0x00 ) / prune=10.1.1.1, (S,G) ]",
+       {"Invalid Pim Join/Prune Source - Source 10.1.1.1 is both joined and pruned (S,G) source.  Only processing  "
+        "it as a pruned (S,G) source."},
+       R"({"reserved":0,"bidir":false,"upstream":"10.0.0.2","reserved2":0,"holdTime":210,"groups":[
+           {"group":"239.1.1.1","groupFlags":0,"starG":null,"joinedRpt":[],"joined":[],"prunedRpt":[],
+            "pruned":["10.1.1.1"]}],
+           "report":{"processed":1,"suppressed":1,"filtered":0}})",
+       false},
+      {"WildcardWithoutRptAndAPrefixGroup",
+       joinPrune4(joinPruneBody("10.0.0.2", 210,
+                                {{encodedGroup("239.1.1.0", 0, 24), {encodedSource("10.1.1.1", sg)}, {}},
+                                 {encodedGroup("239.1.1.1"), {encodedSource("10.1.1.1", 0x06), encodedSource("10.1.1.2", sg)}, {}}})),
+       "type=joinPrune | upstream=10.0.0.2, holdtime=210, numGroups=1, groups=[ group=( address=239.1.1.1, "
+       "flags=0x00 ) / join=10.1.1.2, (S,G) ]",
+       {"Warning: Pim Join/Prune - Group Address - Skipping Invalid Prefix: 239.1.1.0",
+        "Invalid Pim Join/Prune - WC set, RPT cleared"},
+       R"({"reserved":0,"bidir":false,"upstream":"10.0.0.2","reserved2":0,"holdTime":210,"groups":[
+           {"group":"239.1.1.1","groupFlags":0,"starG":null,"joinedRpt":[],"joined":["10.1.1.2"],"prunedRpt":[],
+            "pruned":[]}],
+           "report":{"processed":1,"suppressed":0,"filtered":1}})",
+       false},
+  };
+}
+
+std::vector<CapturedFrame> framesOf(const std::vector<JoinPruneCase>& cases) {
+  std::vector<CapturedFrame> frames;
+  for (const JoinPruneCase& c : cases) frames.push_back({ethernet(c.ip)});
+  return frames;
+}
+
+TEST_F(PimioCli, JoinPrunesDecodeAsOneLineOfText) {
+  const std::vector<JoinPruneCase> cases = joinPruneCases();
+  const RunResult r = decode(DLT_EN10MB, framesOf(cases));
+  EXPECT_EQ(r.status, 0);
+  std::vector<std::string> expected;
+  for (size_t i = 0; i < cases.size(); ++i) {
+    const JoinPruneCase& c = cases[i];
+    expected.push_back(std::to_string(i + 1) + ": RX: <PIM " + c.text + ">" +
+                       (c.warnings.empty() ? "" : " WARNINGS: " + joined(c.warnings)));
+  }
+  EXPECT_EQ(r.outLines(), expected);
+  EXPECT_EQ(r.errLines(), std::vector<std::string>{summary(int(cases.size()), 0, 0, 0)});
+}
+
+TEST_F(PimioCli, JoinPrunesDecodeAsJson) {
+  const std::vector<JoinPruneCase> cases = joinPruneCases();
+  const RunResult r = decode(DLT_EN10MB, framesOf(cases), "--json");
+  EXPECT_EQ(r.status, 0);
+  const std::vector<std::string> lines = r.outLines();
+  ASSERT_EQ(lines.size(), cases.size());
+  for (size_t i = 0; i < cases.size(); ++i) {
+    const JoinPruneCase& c = cases[i];
+    SCOPED_TRACE(c.name);
+    const bool v6 = (c.ip[0] >> 4) == 6;
+    nlohmann::ordered_json expected = nlohmann::ordered_json::parse(
+        R"({"frame":)" + std::to_string(i + 1) + R"(,"family":)" + (v6 ? "6" : "4") + R"(,"src":)" +
+        (v6 ? R"("fe80::9","dst":"ff02::d")" : R"("192.0.2.9","dst":"224.0.0.13")") + R"(,"type":"joinPrune"})");
+    expected.update(nlohmann::ordered_json::parse(c.json));
+    if (!c.warnings.empty()) expected["warnings"] = c.warnings;
+    // The members in a fixed order, too.
+    EXPECT_EQ(nlohmann::ordered_json::parse(lines[i]), expected);
+  }
+}
+
+// Canonical packets come back byte for byte from what decode prints; the others come back as the
+// encoder lays out what the decoder kept.
+TEST_F(PimioCli, JoinPrunesComeBackFromTheirJsonLines) {
+  const std::vector<JoinPruneCase> cases = joinPruneCases();
+  const RunResult first = decode(DLT_EN10MB, framesOf(cases), "--json");
+  writeFile(path("decoded.jsonl"), first.out);
+  const RunResult r = run("PIMIO encode -o " + quoted(path("again.pcap")) + " " + quoted(path("decoded.jsonl")));
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.errLines(), std::vector<std::string>{"encoded " + std::to_string(cases.size()) + ", failed 0, skipped 0"});
+  const std::vector<Bytes> again = readCapture(path("again.pcap"));
+  ASSERT_EQ(again.size(), cases.size());
+  for (size_t i = 0; i < cases.size(); ++i) {
+    if (cases[i].canonical) {
+      EXPECT_EQ(ipOfEthernet(again[i]), cases[i].ip) << cases[i].name;
+    }
+  }
+  // Decoded again, every packet says what it said the first time.
+  const std::vector<std::string> before = first.outLines();
+  const std::vector<std::string> after = run("PIMIO decode --json " + quoted(path("again.pcap"))).outLines();
+  ASSERT_EQ(after.size(), before.size());
+  for (size_t i = 0; i < cases.size(); ++i) {
+    json a = json::parse(after[i]), b = json::parse(before[i]);
+    for (json* j : {&a, &b}) {
+      // What the decoder dropped the first time is not in the packet the second time.
+      j->erase("report");
+      j->erase("warnings");
+    }
+    EXPECT_EQ(a, b) << cases[i].name;
+  }
+}
+
+// The entries of a Join/Prune line or tree, one text each, such as "239.1.1.1 joined 10.1.1.1".
+std::vector<std::string> entriesOf(const json& groups, bool leaveOutSuppressed = false) {
+  std::vector<std::string> out;
+  for (const json& g : groups) {
+    const std::string group = g["group"].get<std::string>() + " flags " + g.value("groupFlags", json(0)).dump();
+    const json suppressed = leaveOutSuppressed ? g.value("joinSuppress", json::array()) : json::array();
+    for (const char* list : {"joinedRpt", "joined", "prunedRpt", "pruned"}) {
+      for (const json& s : g.value(list, json::array())) {
+        if (std::string(list) == "joined" && std::find(suppressed.begin(), suppressed.end(), s) != suppressed.end()) {
+          continue;
+        }
+        out.push_back(group + " " + list + " " + s.get<std::string>());
+      }
+    }
+    const json starG = g.value("starG", json());
+    if (starG.is_null()) continue;
+    const bool join = starG.value("join", true);
+    // A periodic message refuses a (*,G) prune, and leaves out a suppressed (*,G) join unless the
+    // group has (S,G,rpt) prunes.
+    const bool suppressedJoin = starG.value("wcSuppressed", false) && g.value("prunedRpt", json::array()).empty();
+    if (leaveOutSuppressed && (!join || suppressedJoin)) continue;
+    out.push_back(group + " starG " + (join ? "join " : "prune ") + starG["rp"].get<std::string>());
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+// A tree of `groups` groups with every kind of entry, its addresses in the family of `sample`.
+json bigTree(bool v6, int groups) {
+  auto source = [&](int g, int s) {
+    return v6 ? "2001:db8:" + std::to_string(g) + "::" + std::to_string(s)
+              : "10." + std::to_string(g) + "." + std::to_string(s) + ".1";
+  };
+  json out = json::array();
+  for (int g = 1; g <= groups; ++g) {
+    json group = {{"group", v6 ? "ff3e::" + std::to_string(g) : "239.1." + std::to_string(g) + ".1"},
+                  {"groupFlags", g % 4 == 0 ? 1 : 0}};
+    json joined = json::array(), prunedRpt = json::array(), pruned = json::array(), joinedRpt = json::array();
+    for (int s = 1; s <= 6; ++s) joined.push_back(source(g, s));
+    for (int s = 20; s <= 21; ++s) pruned.push_back(source(g, s));
+    if (g % 3 == 0) {
+      // (S,G,rpt) joins go without a (*,G) join, which would cover them.
+      for (int s = 30; s <= 32; ++s) joinedRpt.push_back(source(g, s));
+    } else {
+      group["starG"] = {{"rp", source(99, 1)}, {"join", true}};
+      for (int s = 10; s <= 13; ++s) prunedRpt.push_back(source(g, s));
+    }
+    group["joined"] = joined;
+    group["joinedRpt"] = joinedRpt;
+    group["prunedRpt"] = prunedRpt;
+    group["pruned"] = pruned;
+    out.push_back(group);
+  }
+  return out;
+}
+
+// A tree too big for one packet goes out in as many as it takes, none bigger than the MTU, and
+// together they carry the tree: each entry once, triggered or periodic (where the suppressed
+// joins stay out).
+TEST_F(PimioCli, JoinPruneTreeIsSplitIntoPacketsOfTheMtu) {
+  struct {
+    const char* name;
+    bool v6;
+    U32 mtu;
+    bool periodic;
+  } const cases[] = {
+      {"Ipv4Triggered", false, 200, false},
+      {"Ipv4Periodic", false, 256, true},
+      {"Ipv6Triggered", true, 400, false},
+      {"Ipv6Periodic", true, 600, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    json groups = bigTree(c.v6, 9);
+    std::string dropped;
+    if (c.periodic) {
+      groups[0]["joinSuppress"] = {groups[0]["joined"][0], groups[0]["joined"][3]};
+      // A (*,G) join is suppressed only in a group without (S,G,rpt) prunes.
+      groups[1]["prunedRpt"] = json::array();
+      groups[1]["starG"]["wcSuppressed"] = true;
+      groups[3]["starG"]["wcSuppressed"] = true;
+      groups[4]["starG"]["join"] = false;
+      dropped = "line 1: dropped: Invalid Pim Join/Prune - Periodic (*,G)-Prune";
+    }
+    json line = {{"family", c.v6 ? 6 : 4},      {"src", c.v6 ? "fe80::1" : "10.0.0.1"},
+                 {"type", "joinPrune"},         {"upstream", c.v6 ? "fe80::2" : "10.0.0.2"},
+                 {"holdTime", 210},             {"mtu", c.mtu},
+                 {"periodic", c.periodic},      {"groups", groups}};
+    writeFile(path("tree.jsonl"), line.dump() + "\n");
+    const RunResult r = run("PIMIO encode -o " + quoted(path("tree.pcap")) + " " + quoted(path("tree.jsonl")));
+    EXPECT_EQ(r.status, 0) << r.err;
+    const std::vector<Bytes> frames = readCapture(path("tree.pcap"));
+    EXPECT_GT(frames.size(), 2u);
+    std::vector<std::string> report;
+    if (!dropped.empty()) report.push_back(dropped);
+    report.push_back("encoded 1, failed 0, skipped 0, packets " + std::to_string(frames.size()));
+    EXPECT_EQ(r.errLines(), report);
+    for (const Bytes& f : frames) {
+      const Bytes ip = ipOfEthernet(f);
+      EXPECT_LE(ip.size(), c.mtu);
+    }
+    const RunResult decoded = run("PIMIO decode --json " + quoted(path("tree.pcap")));
+    EXPECT_EQ(decoded.errLines(), std::vector<std::string>{summary(int(frames.size()), 0, 0, 0)});
+    std::vector<std::string> carried;
+    for (const std::string& text : decoded.outLines()) {
+      const json l = json::parse(text);
+      EXPECT_EQ(l["upstream"], line["upstream"]);
+      EXPECT_EQ(l["holdTime"], 210);
+      EXPECT_FALSE(l.contains("warnings")) << text;
+      EXPECT_EQ(l["report"]["suppressed"], 0);
+      EXPECT_EQ(l["report"]["filtered"], 0);
+      const std::vector<std::string> entries = entriesOf(l["groups"]);
+      carried.insert(carried.end(), entries.begin(), entries.end());
+    }
+    std::sort(carried.begin(), carried.end());
+    EXPECT_EQ(carried, entriesOf(groups, c.periodic));
+  }
+}
+
+// The 256th group goes into the next packet, however big the MTU.
+TEST_F(PimioCli, JoinPruneTakesAtMost255GroupsAPacket) {
+  json groups = json::array();
+  for (int g = 0; g < 300; ++g) {
+    groups.push_back({{"group", "239.2." + std::to_string(g / 256) + "." + std::to_string(g % 256)},
+                      {"starG", {{"rp", "10.0.0.9"}, {"join", true}}}});
+  }
+  const json line = {{"family", 4}, {"src", "10.0.0.1"}, {"type", "joinPrune"}, {"upstream", "10.0.0.2"},
+                     {"holdTime", 210}, {"mtu", 9000}, {"groups", groups}};
+  writeFile(path("tree.jsonl"), line.dump() + "\n");
+  const RunResult r = run("PIMIO encode -o " + quoted(path("tree.pcap")) + " " + quoted(path("tree.jsonl")));
+  EXPECT_EQ(r.errLines(), std::vector<std::string>{"encoded 1, failed 0, skipped 0, packets 2"});
+  const std::vector<std::string> lines = run("PIMIO decode --json " + quoted(path("tree.pcap"))).outLines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(json::parse(lines[0])["groups"].size(), 255u);
+  EXPECT_EQ(json::parse(lines[1])["groups"].size(), 45u);
+  EXPECT_EQ(json::parse(lines[1])["groups"][0]["group"], "239.2.0.255");
+}
+
+// Entries that the encoder leaves out are reported with the line, which is still encoded.
+TEST_F(PimioCli, JoinPruneEntriesTheEncoderDropsAreReported) {
+  const std::string v4 = R"({"family":4,"src":"10.0.0.1","type":"joinPrune","upstream":"10.0.0.2",)";
+  struct {
+    std::string line;
+    std::string dropped;
+    std::vector<std::string> kept;  // the entries of the packet
+  } const cases[] = {
+      {v4 + R"("groups":[{"group":"239.1.1.1","joined":["10.1.1.1","2001:db8::1","224.1.1.1"]}]})",
+       "Invalid Encoded Source Address - Not Unicast - Address: 224.1.1.1; "
+       "Pim Join/Prune - Joined Source Address - Write Error; "
+       "Pim Join/Prune - Invalid Family - Family: ipv6 Source Address: 2001:db8::1; "
+       "%PIM_MESSAGE_INVALID_ENCODED_SOURCE: Attempted to send Join/Prune message with a non-unicast encoded source "
+       "224.1.1.1; "
+       "%PIM_MESSAGE_AF_MISMATCH: Attempted to send ipv4 Join/Prune message with 2001:db8::1 address in the message",
+       {"239.1.1.1 flags 0 joined 10.1.1.1"}},
+      {v4 + R"("groups":[{"group":"239.1.1.1","groupFlags":128,"joined":["10.1.1.1"]},
+                         {"group":"239.1.1.2","joined":["10.1.1.2"]}]})",
+       "Pim Join/Prune - Bidirectional Filter - Filtered Group Address: 239.1.1.1 Bidirectional: 1 "
+       "Msg Bidirectional Support: 0",
+       {"239.1.1.2 flags 0 joined 10.1.1.2"}},
+      {v4 + R"("groups":[{"group":"10.1.1.1","joined":["10.1.1.1"]},{"group":"239.1.1.2","joined":["10.1.1.2"]}]})",
+       "Invalid Encoded Group Address - Not Multicast - Address: 10.1.1.1; "
+       "Pim Join/Prune - Group Address - Write Error; "
+       "%PIM_MESSAGE_INVALID_ENCODED_GROUP: Attempted to send Join/Prune message with a non-multicast encoded group "
+       "10.1.1.1",
+       {"239.1.1.2 flags 0 joined 10.1.1.2"}},
+      {v4 + R"("groups":[{"group":"239.1.1.1","starG":{"rp":"2001:db8::1"}},{"group":"239.1.1.2","joined":["10.1.1.2"]}]})",
+       "Invalid Pim Join/Prune - Invalid Family - Family: ipv6 (*,G) RP Address: 2001:db8::1; "
+       "%PIM_MESSAGE_AF_MISMATCH: Attempted to send ipv4 Join/Prune message with 2001:db8::1 address in the message",
+       {"239.1.1.2 flags 0 joined 10.1.1.2"}},
+      {v4 + R"("periodic":true,"groups":[{"group":"239.1.1.1","starG":{"rp":"10.0.0.9","join":false},
+                                           "joined":["10.1.1.1"]}]})",
+       "Invalid Pim Join/Prune - Periodic (*,G)-Prune", {"239.1.1.1 flags 0 joined 10.1.1.1"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    std::string line = c.line;
+    std::erase(line, '\n');
+    writeFile(path("in.jsonl"), line + "\n");
+    const RunResult r = run("PIMIO encode -o " + quoted(path("out.pcap")) + " " + quoted(path("in.jsonl")));
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.errLines(), (std::vector<std::string>{"line 1: dropped: " + c.dropped, "encoded 1, failed 0, skipped 0"}));
+    const std::vector<std::string> lines = run("PIMIO decode --json " + quoted(path("out.pcap"))).outLines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(entriesOf(json::parse(lines[0])["groups"]), c.kept);
+  }
+}
+
+// The encoder reads back what it writes (the tool runs it with its message trace on); a packet
+// that no receiver would take ends the message, and the rest of the tree is not sent.
+TEST_F(PimioCli, JoinPrunePacketThatCannotBeReadBackEndsTheMessage) {
+  writeFile(path("in.jsonl"), R"({"family":4,"src":"10.0.0.1","type":"joinPrune","upstream":"10.0.0.2","mtu":60,)"
+                              R"("groups":[{"group":"239.1.1.1","joined":["0.0.0.0"]},)"
+                              R"({"group":"239.1.1.2","joined":["10.1.1.1"]}]})" "\n");
+  const RunResult r = run("PIMIO encode -o " + quoted(path("out.pcap")) + " " + quoted(path("in.jsonl")));
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.errLines(), (std::vector<std::string>{
+                              "line 1: dropped: Invalid Pim Join/Prune - Debug Error - Read Error On TX Packet",
+                              "encoded 1, failed 0, skipped 0"}));
+  const std::vector<std::string> lines = run("PIMIO decode --json " + quoted(path("out.pcap"))).outLines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(json::parse(lines[0])["error"], "Invalid Pim Join/Prune - Zero Valid Num Groups");
+}
+
 // ---- Command line ----
 
 TEST_F(PimioCli, TraceOptionPassesTheCodecsLinesOn) {
@@ -650,6 +1186,8 @@ TEST_F(PimioCli, UsageErrorsExitWith2AndHelpWith0) {
       {"--help", 0, "--trace UNIT=LEVEL,..."},
       {"decode --help", 0, "Exit status: 0 when the capture was read to its end"},
       {"encode --help", 0, "Exit status: 0 when every line was encoded or skipped; 1 when some lines failed"},
+      {"decode --help", 0, "is decoded\nagain in bidirectional mode (\"bidir\":true)"},
+      {"encode --help", 0, "\"mtu\"          the largest IP packet to make, default 1500"},
   };
   for (const auto& c : cases) {
     const RunResult r = run(std::string("PIMIO ") + c.args);

@@ -29,6 +29,14 @@ struct Decoded {
   std::vector<std::string> failures;      // failed: why (level-1 texts)
   std::vector<std::string> problems;      // level-1 and level-5 texts, decoded or failed
 
+  // The reason of a failure: the first failure text that is not a note about a dropped entry.
+  const std::string& reason() const {
+    for (const std::string& f : failures) {
+      if (!codec || !codec->isNote || !codec->isNote(f)) return f;
+    }
+    return failures.back();
+  }
+
   static Decoded failure(std::string text) {
     Decoded d;
     d.failures = {text};
@@ -37,7 +45,26 @@ struct Decoded {
   }
 };
 
-// Decodes the message by its type byte with the codec's read operation.
+// Reads the message with the codec's read operation, and again if the codec asks for it (a
+// Join/Prune of bidirectional groups).
+void readMessage(Decoded& d, const Loom::Ptr<Knet::Pkt>& pkt) {
+  constexpr int kAttempts = 2;
+  for (int attempt = 1;; ++attempt) {
+    PacketTrace trace(Routing::Pim::Packet::traceFilter);
+    const U32 read = d.codec->read(*d.message, pkt);
+    if (attempt < kAttempts && d.codec->readAgain && d.codec->readAgain(*d.message, read, trace)) continue;
+    d.problems = trace.problems();
+    if (read != 0) {
+      d.outcome = Decoded::Outcome::decoded;
+      return;
+    }
+    d.failures = trace.failures();
+    if (d.failures.empty()) d.failures.push_back(kSilentFailure);
+    return;
+  }
+}
+
+// Decodes the message by its type byte.
 Decoded decodeMessage(const IpPacket& ip) {
   if (ip.pim.empty()) return Decoded::failure(kEmptyPayload);
   const Knet::PimMessageType type(ip.pim[0]);
@@ -52,16 +79,7 @@ Decoded decodeMessage(const IpPacket& ip) {
   d.message = d.codec->create();
   d.message->srcIpIs(ip.src);
   d.message->dstIpIs(ip.dst);
-  const Loom::Ptr<Knet::Pkt> pkt = Knet::pktFactory(ip.pim);
-  PacketTrace trace;
-  const U32 read = d.codec->read(*d.message, pkt);
-  d.problems = trace.problems();
-  if (read != 0) {
-    d.outcome = Decoded::Outcome::decoded;
-    return d;
-  }
-  d.failures = trace.failures();
-  if (d.failures.empty()) d.failures.push_back(kSilentFailure);
+  readMessage(d, Knet::pktFactory(ip.pim));
   return d;
 }
 
@@ -75,12 +93,29 @@ Decoded decode(const IpPacket& ip) {
   }
 }
 
-std::string textLine(U32 frame, const Decoded& d) {
+// The message's text on one line. A Join/Prune's text puts each group and each entry on a line
+// of its own, indented by tabs: the line breaks become " / " and the tabs go.
+std::string messageText(const Message& m) {
   std::ostringstream os;  // a stream of its own: the message text may switch it to boolean words
+  os << &m;
+  std::string out;
+  std::istringstream lines(os.str());
+  for (std::string line; std::getline(lines, line);) {
+    std::erase(line, '\t');
+    if (line.find_first_not_of(' ') == std::string::npos) continue;
+    // The list's closing bracket follows the last entry with a blank, as it does a group's line.
+    if (!out.empty()) out += line.starts_with(" ]") ? "" : " / ";
+    out += line;
+  }
+  return out;
+}
+
+std::string textLine(U32 frame, const Decoded& d) {
+  std::ostringstream os;
   os << frame << ": ";
   switch (d.outcome) {
     case Decoded::Outcome::decoded:
-      os << "RX: <PIM " << d.message.ptr() << ">";
+      os << "RX: <PIM " << messageText(*d.message) << ">";
       if (!d.problems.empty()) os << " WARNINGS: " << joined(d.problems);
       break;
     case Decoded::Outcome::failed:
@@ -102,7 +137,7 @@ std::string jsonLine(U32 frame, const IpPacket& ip, const Decoded& d) {
       if (!d.problems.empty()) line["warnings"] = d.problems;
       break;
     case Decoded::Outcome::failed:
-      line["error"] = d.failures.front();
+      line["error"] = d.reason();
       line["trace"] = d.problems;
       break;
     case Decoded::Outcome::unsupported:

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iostream>
 #include <optional>
+#include <vector>
 
 #include "tools/pimio/Capture.h"
 #include "tools/pimio/IpPacket.h"
@@ -14,18 +15,24 @@ namespace Pimio::Cli {
 namespace {
 
 using Routing::Pim::Packet::Message;
+using Routing::Pim::Packet::traceError;
+using Routing::Pim::Packet::traceFilter;
 
-// What became of one input line: an encoded IP packet (with its destination), or a reason.
+// What became of one input line: encoded IP packets (with their destination), or a reason.
 struct LineResult {
   enum class Outcome { encoded, skipped, failed, blank };
   Outcome outcome = Outcome::failed;
-  Loom::Ptr<Knet::Pkt> pkt;
+  std::vector<Loom::Ptr<Knet::Pkt>> pkts;
   Knet::IpGenAddr dst;
-  std::string why;
+  std::string why;    // skipped or failed: the reason; encoded: what the encoder dropped, if anything
 
-  static LineResult failure(std::string why) { return {Outcome::failed, nullptr, {}, std::move(why)}; }
-  static LineResult skip(std::string why) { return {Outcome::skipped, nullptr, {}, std::move(why)}; }
+  static LineResult failure(std::string why) { return {Outcome::failed, {}, {}, std::move(why)}; }
+  static LineResult skip(std::string why) { return {Outcome::skipped, {}, {}, std::move(why)}; }
 };
+
+// No message takes more packets than this; each packet carries at least one entry, so a line
+// that asks for more has made the encoder go round in circles.
+constexpr U32 kMaxPacketsPerLine = 65536;
 
 // Reads an address member of the family; `fallback` stands in when the member is absent.
 std::optional<Knet::IpGenAddr> addressMember(const Json& line, const char* name, Knet::AddressFamily af,
@@ -44,9 +51,47 @@ std::optional<Knet::IpGenAddr> addressMember(const Json& line, const char* name,
   return a;
 }
 
+// Writes the message into as many packets as its encoder needs: while the encoder says that more
+// is left, writes again, until a write makes no progress or the packets reach their bound. A
+// write after the first that finds nothing left ends the message.
+LineResult writePackets(const MessageCodec& codec, Message& message, const Knet::IpGenAddr& src,
+                        const Knet::IpGenAddr& dst) {
+  LineResult r{LineResult::Outcome::encoded, {}, dst, {}};
+  std::vector<std::string> dropped;
+  std::string lastStop;
+  while (true) {
+    if (r.pkts.size() == kMaxPacketsPerLine) {
+      return LineResult::failure("the encoder still has more after " + std::to_string(kMaxPacketsPerLine) + " packets");
+    }
+    const Loom::Ptr<Knet::Pkt> pkt = Knet::pktFactory(maxPimMessageSize(src.af()));
+    PacketTrace trace(traceFilter);
+    const U32 written = codec.write(message, pkt);
+    // Failures, and the groups that the encoder filtered (which may be why it had none to write).
+    const std::vector<std::string> texts = trace.texts({traceError, traceFilter});
+    if (written == 0) {
+      const std::vector<std::string> failures = trace.failures();
+      if (!r.pkts.empty() && !failures.empty() && failures.back() == codec.drained) break;
+      return LineResult::failure(texts.empty() ? "encoder failed without a failure text" : joined(texts));
+    }
+    // What the encoder could not write or filtered, then the log messages it raised.
+    const std::vector<std::string> logs = trace.logs();
+    dropped.insert(dropped.end(), texts.begin(), texts.end());
+    dropped.insert(dropped.end(), logs.begin(), logs.end());
+    pkt->sizeIs(written);
+    addIpHeader(*pkt, src, dst);
+    r.pkts.push_back(pkt);
+    std::string stop;
+    if (!codec.more || !codec.more(message, stop)) break;
+    if (stop == lastStop) return LineResult::failure("the encoder made no progress: " + stop);
+    lastStop = stop;
+  }
+  r.why = joined(dropped);
+  return r;
+}
+
 // Builds the message that one line describes, encodes it and adds the IP header.
 LineResult encodeLine(const std::string& text) {
-  if (text.find_first_not_of(" \t\r") == std::string::npos) return {LineResult::Outcome::blank, nullptr, {}, {}};
+  if (text.find_first_not_of(" \t\r") == std::string::npos) return {LineResult::Outcome::blank, {}, {}, {}};
   Json line;
   try {
     line = Json::parse(text);
@@ -82,16 +127,7 @@ LineResult encodeLine(const std::string& text) {
   message->srcIpIs(*src);
   message->dstIpIs(*dst);
 
-  const Loom::Ptr<Knet::Pkt> pkt = Knet::pktFactory(maxPimMessageSize(af));
-  PacketTrace trace;
-  const U32 written = codec->write(*message, pkt);
-  if (written == 0) {
-    const std::string why = joined(trace.failures());
-    return LineResult::failure(why.empty() ? "encoder failed without a failure text" : why);
-  }
-  pkt->sizeIs(written);
-  addIpHeader(*pkt, *src, *dst);
-  return {LineResult::Outcome::encoded, pkt, *dst, {}};
+  return writePackets(*codec, *message, *src, *dst);
 }
 
 }  // namespace
@@ -114,7 +150,7 @@ int encodeLines(const EncodeOptions& options, std::ostream& err) {
     return 2;
   }
 
-  U64 encoded = 0, failed = 0, skipped = 0, lineNumber = 0;
+  U64 encoded = 0, failed = 0, skipped = 0, lineNumber = 0, packets = 0;
   std::string text;
   while (std::getline(in, text)) {
     ++lineNumber;
@@ -126,8 +162,10 @@ int encodeLines(const EncodeOptions& options, std::ostream& err) {
     }
     switch (r.outcome) {
       case LineResult::Outcome::encoded:
-        writer->writeIpPacket(r.pkt, r.dst);
+        for (const Loom::Ptr<Knet::Pkt>& pkt : r.pkts) writer->writeIpPacket(pkt, r.dst);
+        if (!r.why.empty()) err << "line " << lineNumber << ": dropped: " << r.why << '\n';
         ++encoded;
+        packets += r.pkts.size();
         break;
       case LineResult::Outcome::skipped:
         err << "line " << lineNumber << ": skipped: " << r.why << '\n';
@@ -141,7 +179,9 @@ int encodeLines(const EncodeOptions& options, std::ostream& err) {
         break;
     }
   }
-  err << "encoded " << encoded << ", failed " << failed << ", skipped " << skipped << '\n';
+  err << "encoded " << encoded << ", failed " << failed << ", skipped " << skipped;
+  if (packets != encoded) err << ", packets " << packets;
+  err << '\n';
   if (in.bad()) {
     err << "pimio encode: " << options.input << ": read error after line " << lineNumber << '\n';
     return 2;

@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "PimMessage/HelloMessage.h"
+#include "PimMessage/JoinPruneMessage.h"
 
 namespace Pimio::Cli {
 
@@ -61,6 +62,8 @@ bool valueOf(const Json& j, Routing::Pim::Packet::HelloPropagationDelay& out, st
 template <class M>
 struct Attribute {
   const char* name;
+  // Null for an attribute that only encoding takes (the Join/Prune's mtu): decoding does not
+  // print it.
   Json (*get)(const M&);
   bool (*set)(const Json&, M&, std::string& error);
   // Set for a view of another attribute (the T bit is a view of implPropagationDelay): the view
@@ -85,7 +88,9 @@ constexpr Attribute<M> attribute(const char* name, const char* viewOf = nullptr)
 // Adds every attribute of `m` to `out`, in table order.
 template <class M>
 void attributesToJson(std::span<const Attribute<M>> table, const M& m, Json& out) {
-  for (const Attribute<M>& a : table) out[a.name] = a.get(m);
+  for (const Attribute<M>& a : table) {
+    if (a.get) out[a.name] = a.get(m);
+  }
 }
 
 // Sets the attributes that the members of `in` name. Fails, saying why, on a member that the
@@ -115,5 +120,13 @@ bool attributesFromJson(std::span<const Attribute<M>> table, const Json& in, M& 
 
 // The Hello's attributes: the header's reserved byte, then the options in declaration order.
 std::span<const Attribute<Routing::Pim::Packet::HelloMessage>> helloAttributes();
+
+// The Join/Prune's attributes: the header's reserved byte, the message's mode, the tree (upstream
+// neighbor, reserved byte, holdtime, groups) and the decoder's report; for encoding also the MTU
+// and the periodic flag. A group is
+//   {"group":ADDR,"groupFlags":N,"starG":{"rp":ADDR,"join":BOOL}|null,
+//    "joinedRpt":[ADDR...],"joined":[...],"prunedRpt":[...],"pruned":[...]}
+// and encoding also takes "joinSuppress":[ADDR...] in a group and "wcSuppressed":BOOL in starG.
+std::span<const Attribute<Routing::Pim::Packet::JoinPruneMessage>> joinPruneAttributes();
 
 }  // namespace Pimio::Cli

@@ -1,28 +1,33 @@
 #include "tools/pimio/MessageCodec.h"
 
 #include <array>
+#include <functional>
+#include <sstream>
 
 #include "PimMessage/HelloMessage.h"
+#include "PimMessage/JoinPruneMessage.h"
 
 namespace Pimio::Cli {
 
+using Routing::Pim::JoinPruneData;
 using Routing::Pim::Packet::HelloMessage;
+using Routing::Pim::Packet::JoinPruneMessage;
 using Routing::Pim::Packet::Message;
 
 namespace {
 
 using PktPtr = const Loom::Ptr<Knet::Pkt>&;
 
-// The row of message class M from its read and write operations and its attribute table. The
-// rows hand each function a message that their own create() made, hence the plain casts.
-template <class M, U32 (M::*Read)(PktPtr, U32), U32 (M::*Write)(PktPtr, U32),
-          std::span<const Attribute<M>> (*Attributes)()>
+// The row of message class M from its read and write operations (members of M, or functions
+// taking an M first) and its attribute table. The rows hand each function a message that their
+// own create() made, hence the plain casts.
+template <class M, auto Read, auto Write, std::span<const Attribute<M>> (*Attributes)()>
 MessageCodec codec(Knet::PimMessageType type) {
   return {
       type,
       []() -> Loom::Ptr<Message> { return new M; },
-      [](Message& m, PktPtr pkt) { return (static_cast<M&>(m).*Read)(pkt, 0); },
-      [](Message& m, PktPtr pkt) { return (static_cast<M&>(m).*Write)(pkt, 0); },
+      [](Message& m, PktPtr pkt) -> U32 { return std::invoke(Read, static_cast<M&>(m), pkt, 0); },
+      [](Message& m, PktPtr pkt) -> U32 { return std::invoke(Write, static_cast<M&>(m), pkt, 0); },
       [](const Message& m, Json& out) { attributesToJson(Attributes(), static_cast<const M&>(m), out); },
       [](const Json& in, Message& m, std::string& error) {
         return attributesFromJson(Attributes(), in, static_cast<M&>(m), error);
@@ -30,9 +35,77 @@ MessageCodec codec(Knet::PimMessageType type) {
   };
 }
 
+// ---- Join/Prune ----
+
+// A capture does not tell the multicast boundary of the interface: none.
+U32 readJoinPrune(JoinPruneMessage& m, PktPtr pkt, U32 offset) { return m.readJoinPruneMessage(pkt, offset, nullptr); }
+U32 writeJoinPrune(JoinPruneMessage& m, PktPtr pkt, U32 offset) { return m.writeJoinPruneMessage(pkt, offset, nullptr); }
+
+constexpr std::string_view kBidirFilter = "Pim Join/Prune - Bidirectional Filter - Filtered Group Address: ";
+
+// A message read in sparse mode that kept no group, having dropped one for its B flag, holds
+// bidirectional groups: it is read again in bidirectional mode.
+bool joinPruneReadAgain(Message& m, U32 read, const PacketTrace& trace) {
+  auto& jp = static_cast<JoinPruneMessage&>(m);
+  const bool keptNone = jp.joinPruneData() && jp.joinPruneData()->joinPruneGroupData().empty();
+  if (read != 0 || jp.bidir() || !keptNone || !trace.traced(kBidirFilter)) return false;
+  jp.bidirIs(true);
+  return true;
+}
+
+// The decoder's level-1 texts about groups and entries that it drops while it goes on reading:
+// the address checks of groups and sources (a group that fails them is filtered, a source
+// skipped), conflict resolution, and the counters it traces before "Zero Valid Num Groups"
+// ("0, 1, 2").
+constexpr std::string_view kJoinPruneNotes[] = {
+    "Invalid Encoded Group Address - Incorrect Prefix Range - ",
+    "Invalid Encoded Group Address - Unsupported Address Family - ",
+    "Invalid Encoded Group Address - Not Multicast - ",
+    "Invalid Encoded Source Address - Incorrect Prefix Range - ",
+    "Invalid Encoded Source Address - Not Unicast - ",
+    "Invalid Encoded Source Address - All Zeros - ",
+    "Invalid Encoded Source Address - Not Host Prefix - ",
+    "Invalid Pim Join/Prune Source - ",
+    "Invalid Pim Join/Prune - WC set, RPT cleared",
+    "Invalid Pim Join/Prune - Zero Num Sources In Group ",
+};
+
+bool joinPruneNote(std::string_view text) {
+  for (std::string_view note : kJoinPruneNotes) {
+    if (text.starts_with(note)) return true;
+  }
+  return !text.empty() && text.find_first_not_of("0123456789, ") == std::string_view::npos;
+}
+
+bool joinPruneMore(const Message& m, std::string& where) {
+  using Routing::Pim::Packet::operator<<;
+  const auto& data = static_cast<const JoinPruneMessage&>(m).joinPruneData();
+  if (!data || !data->bookmark()) return false;
+  std::ostringstream os;
+  os << data->bookmark().ptr() << " with " << data->routes() << " entries";
+  where = os.str();
+  return true;
+}
+
+MessageCodec joinPruneCodec() {
+  MessageCodec c = codec<JoinPruneMessage, readJoinPrune, writeJoinPrune, joinPruneAttributes>(Knet::pimJoinPrune());
+  // Encoding fills the tree that the message is made with; decoding replaces it.
+  c.create = []() -> Loom::Ptr<Message> {
+    Loom::Ptr<JoinPruneMessage> m = Routing::Pim::Packet::joinPruneMessageFactory();
+    m->joinPruneDataIs(new JoinPruneData(Knet::IpGenAddr()));
+    return m;
+  };
+  c.readAgain = joinPruneReadAgain;
+  c.isNote = joinPruneNote;
+  c.more = joinPruneMore;
+  c.drained = "Invalid Pim Join/Prune - Zero Num Groups";
+  return c;
+}
+
 const std::array codecs{
     codec<HelloMessage, &HelloMessage::readHelloMessage, &HelloMessage::writeHelloMessage, helloAttributes>(
         Knet::pimHello()),
+    joinPruneCodec(),
 };
 
 }  // namespace

@@ -9,7 +9,6 @@ namespace Pimio::Cli {
 
 namespace {
 
-using Routing::Pim::Packet::traceError;
 using Routing::Pim::Packet::traceWarning;
 
 // writeHeader traces this at the error level whenever errors are traced; it reports nothing wrong.
@@ -19,7 +18,9 @@ bool isDiagnostic(const std::string& text) { return text.starts_with("writeHeade
 
 // Warnings must be collected whatever the user's levels; a user who wants more detail than that
 // gets it collected as well, to be passed on.
-PacketTrace::PacketTrace() { capture_.emplace(std::max<int>(traceWarning, Routing::Pim::Packet::traceUnit().level())); }
+PacketTrace::PacketTrace(int level) {
+  capture_.emplace(std::max({level, int(traceWarning), Routing::Pim::Packet::traceUnit().level()}));
+}
 
 PacketTrace::~PacketTrace() {
   const std::vector<Loom::TraceLine> lines = capture_->lines();
@@ -31,12 +32,23 @@ PacketTrace::~PacketTrace() {
   }
 }
 
-std::vector<std::string> PacketTrace::texts(bool warnings) const {
+std::vector<std::string> PacketTrace::texts(std::initializer_list<int> levels) const {
   std::vector<std::string> out;
   for (const Loom::TraceLine& l : capture_->lines()) {
-    const bool wanted = l.level == traceError || (warnings && l.level == traceWarning);
+    const bool wanted = std::find(levels.begin(), levels.end(), l.level) != levels.end();
     if (wanted && !isDiagnostic(l.text)) out.push_back(l.text);
   }
+  return out;
+}
+
+bool PacketTrace::traced(std::string_view prefix) const {
+  const auto& lines = capture_->lines();
+  return std::any_of(lines.begin(), lines.end(), [&](const Loom::TraceLine& l) { return l.text.starts_with(prefix); });
+}
+
+std::vector<std::string> PacketTrace::logs() const {
+  std::vector<std::string> out;
+  for (const Loom::LoggedMessage& m : logCapture_.messages()) out.push_back("%" + m.name + ": " + m.text);
   return out;
 }
 

@@ -17,15 +17,33 @@ link type is Ethernet (802.1Q tags are skipped), Linux cooked (SLL, SLL2) or raw
 of other protocols are counted as not PIM. One line per PIM packet, numbered by its 1-based
 frame in the capture:
   N: RX: <PIM message text>            decoded; " WARNINGS: a; b" follows if the decoder
-                                       traced warnings or skipped a malformed option
+                                       traced warnings, skipped a malformed option or dropped
+                                       a Join/Prune entry
   N: FAILED: text; text                the decoder's failure texts, or the IP layer's
                                        ("Truncated capture - IP length 64 captured 60";
                                        fragments are not reassembled and fail)
   N: UNSUPPORTED name                  a message type that pimio does not decode yet
+A Join/Prune's text lists its groups and their entries on one line, separated by " / ":
+  type=joinPrune | upstream=10.0.0.2, holdtime=210, numGroups=1, groups=[ group=( address=
+  239.1.1.1, flags=0x00 ) / join=10.1.1.1, (S,G) / join= 10.0.0.9, (*,G) ]
 With --json, one JSON object per line instead:
   {"frame":N,"family":4|6,"src":...,"dst":...,"type":"hello",<every attribute>[,"warnings":[...]]}
-  {"frame":N,"family":...,"src":...,"dst":...,"error":"first failure text","trace":[...]}
-  {"frame":N,"family":...,"src":...,"dst":...,"type":"unsupported","pimType":"joinPrune"}
+  {"frame":N,"family":...,"src":...,"dst":...,"error":"reason","trace":[every failure text]}
+  {"frame":N,"family":...,"src":...,"dst":...,"type":"unsupported","pimType":"bootstrap"}
+A Join/Prune's attributes ("type":"joinPrune"):
+  "reserved"   the header's reserved byte
+  "bidir"      whether it was decoded as bidirectional PIM (see below)
+  "upstream", "reserved2", "holdTime"   the upstream neighbor, the byte after it, the holdtime
+  "groups"     [{"group":ADDR,"groupFlags":N (0x80 B, 0x01 Z),
+                 "starG":{"rp":ADDR,"join":true (join) or false (prune)} or null,
+                 "joinedRpt":[ADDR...],"joined":[...],"prunedRpt":[...],"pruned":[...]}...]
+               the (*,G), (S,G,rpt) and (S,G) entries kept, groups and sources in address order
+  "report"     {"processed":N,"suppressed":N,"filtered":N}: entries kept, dropped in conflicts,
+               and dropped by filters (family, invalid group, bidirectional mode)
+A capture does not tell the interface's multicast boundary or whether it runs bidirectional PIM:
+Join/Prunes are decoded without a boundary and in sparse mode, where groups with the B flag are
+filtered; a message that keeps no group that way, having filtered one for its B flag, is decoded
+again in bidirectional mode ("bidir":true), and that outcome is printed.
 A summary goes to standard error: "decoded N, failed N, unsupported N, not PIM N".
 Exit status: 0 when the capture was read to its end, whatever its packets held; 2 when it cannot
 be opened, is not a capture, has an unknown link type or is damaged.)";
@@ -33,16 +51,32 @@ be opened, is not a capture, has an unknown link type or is damaged.)";
 // What encode reads and writes and how it ends, for its --help.
 constexpr const char* kEncodeHelp =
     R"(Encodes JSON Lines in the form that decode --json prints into a pcap file of Ethernet
-frames, one frame per line. Every attribute that a line names is set and the others keep
+frames, one frame per packet. Every attribute that a line names is set and the others keep
 their defaults; a name that the message type does not have fails the line. "family" (4 or 6)
 and "src" are required; "dst" defaults to ALL-PIM-ROUTERS (224.0.0.13 or ff02::d). For a
 Hello, implPropagationDelay wins over tBit and propagationDelay, which count only without it.
+A Join/Prune line carries the whole tree in decode's form ("report" is checked and ignored)
+and may add:
+  "mtu"          the largest IP packet to make, default 1500
+  "periodic"     true for a periodic message (suppression applies, nothing is deleted),
+                 default false (triggered)
+  "joinSuppress" in a group: (S,G) joins to leave out of a periodic message
+  "wcSuppressed" in "starG": leave the (*,G) join out of a periodic message
+  "bidir"        true to send the groups with the B flag, which are otherwise filtered
+The encoder packs groups up to the MTU and leaves a bookmark where it stopped; encode writes
+packet after packet from the bookmark until nothing is left, so one line may give several
+frames (at most 65536; a write that makes no progress fails the line). Entries that the
+encoder drops (another family, not unicast, a periodic (*,G) prune) are reported as
+"line N: dropped: texts". The encoder runs with its message trace on, so it reads back each
+packet it writes, as it does for an agent tracing at level 4: a packet that the reader would
+reject (all its sources 0.0.0.0, say) ends the message with "Read Error On TX Packet".
 The IP header is the one a router sends: TOS/traffic class 192, TTL/hop limit 1. The Ethernet
 destination is the multicast MAC of the destination (02:00:00:00:00:02 for unicast), the
 source 02:00:00:00:00:01; time stamps count the frames in seconds, so equal input gives equal
 files. Lines of failed decodes ("error") and of unsupported types are skipped with a note;
 lines that cannot be encoded are reported with their line number and the encoder's failure
-texts. A summary goes to standard error: "encoded N, failed N, skipped N".
+texts. A summary goes to standard error: "encoded N, failed N, skipped N", followed by
+", packets N" when lines took more than one packet each.
 Exit status: 0 when every line was encoded or skipped; 1 when some lines failed (the others
 are written); 2 when the input or the output cannot be opened or written.)";
 
