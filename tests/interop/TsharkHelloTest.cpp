@@ -4,29 +4,26 @@
 // `tshark -T json`. Every field that tshark shows must agree with what was encoded and the
 // checksum must be good; a packet whose checksum was spoiled must show as bad.
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "TsharkSupport.h"
 #include "PimMessage/HelloMessage.h"
 #include "knet/IpHdr.h"
 #include "knet/PimHdr.h"
 
 namespace {
 
-using Json = nlohmann::ordered_json;  // keeps tshark's order of the options
+using namespace TsharkTest;
 using Knet::AddressFamily;
 using Knet::IpGenAddr;
 using Routing::Pim::Packet::HelloMessage;
@@ -127,10 +124,6 @@ IpGenAddr sourceOf(AddressFamily af) { return addr(af == AddressFamily::ipv4 ? "
 
 // ---- Bytes ----
 
-void putU16(std::vector<U8>& b, U16 v) {
-  b.push_back(static_cast<U8>(v >> 8));
-  b.push_back(static_cast<U8>(v));
-}
 void putU32(std::vector<U8>& b, U32 v) {
   putU16(b, static_cast<U16>(v >> 16));
   putU16(b, static_cast<U16>(v));
@@ -151,27 +144,6 @@ std::string hex16(U16 v) {
   char buf[8];
   std::snprintf(buf, sizeof(buf), "0x%04x", v);
   return buf;
-}
-
-// The frame of one message: Ethernet to the group's MAC address, then the IP header that the
-// transmit path adds.
-std::vector<U8> frame(AddressFamily af, const IpGenAddr& src, const std::vector<U8>& pim) {
-  const bool v4 = af == AddressFamily::ipv4;
-  std::vector<U8> f = v4 ? std::vector<U8>{0x01, 0x00, 0x5e, 0x00, 0x00, 0x0d} : std::vector<U8>{0x33, 0x33, 0, 0, 0, 0x0d};
-  f.insert(f.end(), {0x02, 0x00, 0x00, 0x00, 0x00, 0x01});
-  putU16(f, v4 ? 0x0800 : 0x86dd);
-  const size_t ip = f.size();
-  const U32 ipSize = v4 ? Knet::IpHdr::minSize : Knet::Ip6Hdr::size;
-  f.resize(ip + ipSize);
-  const U16 pimSize = static_cast<U16>(pim.size());
-  if (v4) {
-    Knet::IpHdr::write(f.data() + ip, 192, static_cast<U16>(ipSize + pimSize), 1, Knet::ipProtoPim, src,
-                       Knet::allPimRouters(af));
-  } else {
-    Knet::Ip6Hdr::write(f.data() + ip, 192, pimSize, Knet::ipProtoPim, 1, src, Knet::allPimRouters(af));
-  }
-  f.insert(f.end(), pim.begin(), pim.end());
-  return f;
 }
 
 // ---- What tshark should show ----
@@ -230,33 +202,12 @@ std::vector<ExpectedOption> expectedOptions(const HelloMessage& m) {
 
 // ---- Reading tshark's JSON ----
 
-const Json& child(const Json& j, const std::string& key) {
-  static const Json missing;
-  if (!j.is_object()) return missing;
-  auto it = j.find(key);
-  return it == j.end() ? missing : *it;
-}
-
-// A field's text, or a marker that names the missing field so that a comparison shows it.
-std::string text(const Json& j, const std::string& key) {
-  const Json& v = child(j, key);
-  if (v.is_null()) return "<no " + key + ">";
-  return v.is_string() ? v.get<std::string>() : v.dump();
-}
-
 std::set<std::string> keysOf(const Json& j) {
   std::set<std::string> keys;
   if (j.is_object()) {
     for (auto it = j.begin(); it != j.end(); ++it) keys.insert(it.key());
   }
   return keys;
-}
-
-// With --no-duplicate-keys a field that occurs once is a value and one that repeats an array.
-std::vector<Json> occurrences(const Json& j) {
-  if (j.is_null()) return {};
-  if (j.is_array()) return {j.begin(), j.end()};
-  return {j};
 }
 
 IpGenAddr parsed(const std::string& text) { return IpGenAddr::parse(text).value_or(IpGenAddr()); }
@@ -336,27 +287,6 @@ void expectIpHeader(const Json& layers, AddressFamily af, size_t pimSize) {
 
 // ---- Running the oracle ----
 
-std::string findOnPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::stringstream dirs(path ? path : "");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    const std::string candidate = (dir.empty() ? "." : dir) + "/" + program;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return {};
-}
-
-std::string shellQuoted(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-bool underCi() {
-  const char* ci = std::getenv("CI");
-  return ci && std::string(ci) == "true";
-}
-
 struct Encoded {
   Loom::Ptr<HelloMessage> message;
   std::vector<U8> pim;  // as sent: the codec's bytes, with the checksum spoiled for a bad case
@@ -388,58 +318,15 @@ class TsharkHello : public testing::TestWithParam<size_t> {
       encoded_.push_back(std::move(e));
     }
 
-    std::string dir = (std::filesystem::temp_directory_path() / "pimio-tshark-XXXXXX").string();
-    if (!::mkdtemp(dir.data())) {
-      error_ = "cannot create a temporary directory under " + std::filesystem::temp_directory_path().string();
-      return;
-    }
-    dir_ = dir;
-    const std::string pcapPath = dir + "/hello.pcap";
-    pcap_t* dead = pcap_open_dead(DLT_EN10MB, 65535);
-    pcap_dumper_t* dumper = dead ? pcap_dump_open(dead, pcapPath.c_str()) : nullptr;
-    if (!dumper) {
-      error_ = "cannot write " + pcapPath + (dead ? std::string(": ") + pcap_geterr(dead) : std::string());
-      if (dead) pcap_close(dead);
-      return;
-    }
-    for (size_t i = 0; i < encoded_.size(); ++i) {
-      const std::vector<U8> f = frame(kCases[i].af, sourceOf(kCases[i].af), encoded_[i].pim);
-      pcap_pkthdr h{};
-      h.ts.tv_sec = static_cast<time_t>(i);
-      h.caplen = h.len = static_cast<bpf_u_int32>(f.size());
-      pcap_dump(reinterpret_cast<u_char*>(dumper), &h, f.data());
-    }
-    pcap_dump_close(dumper);
-    pcap_close(dead);
-
-    // -n: no name lookups; ip.check_checksum: tshark verifies the IPv4 header checksum only on
-    // request (it always verifies PIM's).
-    const std::string errPath = dir + "/tshark.err";
-    const std::string command = shellQuoted(tshark_) + " -n -r " + shellQuoted(pcapPath) +
-                                " -T json --no-duplicate-keys -o ip.check_checksum:TRUE 2>" + shellQuoted(errPath);
-    std::string out;
-    FILE* p = ::popen(command.c_str(), "r");
-    if (!p) {
-      error_ = "cannot run " + command;
-      return;
-    }
-    char buf[65536];
-    for (size_t n; (n = std::fread(buf, 1, sizeof(buf), p)) > 0;) out.append(buf, n);
-    const int status = ::pclose(p);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-      std::ifstream err(errPath);
-      error_ = command + " failed: " + std::string(std::istreambuf_iterator<char>(err), {});
-      return;
-    }
-    packets_ = Json::parse(out, nullptr, false);
-    if (!packets_.is_array() || packets_.size() != encoded_.size()) {
-      error_ = "tshark's output is not one JSON object per packet:\n" + out.substr(0, 2000);
-    }
+    std::vector<std::vector<U8>> frames;
+    for (size_t i = 0; i < encoded_.size(); ++i) frames.push_back(frame(kCases[i].af, sourceOf(kCases[i].af), encoded_[i].pim));
+    dissection_ = dissect(tshark_, frames);
+    error_ = dissection_.error;
+    packets_ = dissection_.packets;
   }
 
   static void TearDownTestSuite() {
-    if (!dir_.empty()) std::filesystem::remove_all(dir_);
-    dir_.clear();
+    dissection_.remove();
     encoded_.clear();
   }
 
@@ -453,7 +340,7 @@ class TsharkHello : public testing::TestWithParam<size_t> {
 
   static inline std::string tshark_;
   static inline std::string error_;
-  static inline std::string dir_;
+  static inline Dissection dissection_;
   static inline std::vector<Encoded> encoded_;
   static inline Json packets_;
 };

@@ -5,28 +5,25 @@
 // consistent with the lists, every group and source address a host prefix with the flags of its
 // kind; and the entries of all the packets of a tree together must be the tree's, each once.
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "TsharkSupport.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "knet/IpHdr.h"
 #include "knet/PimHdr.h"
 
 namespace {
 
-using Json = nlohmann::json;
+using namespace TsharkTest;
 using Knet::AddressFamily;
 using Knet::IpGenAddr;
 using Routing::Pim::JoinPruneData;
@@ -164,55 +161,9 @@ Loom::Ptr<JoinPruneData> treeOf(const JoinPruneCase& c) {
   return d;
 }
 
-// ---- Framing ----
-
-void putU16(std::vector<U8>& b, U16 v) {
-  b.push_back(static_cast<U8>(v >> 8));
-  b.push_back(static_cast<U8>(v));
-}
-
-// Ethernet to ALL-PIM-ROUTERS' MAC address, then the IP header of the transmit path.
-std::vector<U8> frame(AddressFamily af, const IpGenAddr& src, const std::vector<U8>& pim) {
-  const bool v4 = af == AddressFamily::ipv4;
-  std::vector<U8> f = v4 ? std::vector<U8>{0x01, 0x00, 0x5e, 0x00, 0x00, 0x0d} : std::vector<U8>{0x33, 0x33, 0, 0, 0, 0x0d};
-  f.insert(f.end(), {0x02, 0x00, 0x00, 0x00, 0x00, 0x01});
-  putU16(f, v4 ? 0x0800 : 0x86dd);
-  const size_t ip = f.size();
-  const U32 ipSize = v4 ? Knet::IpHdr::minSize : Knet::Ip6Hdr::size;
-  f.resize(ip + ipSize);
-  const U16 pimSize = static_cast<U16>(pim.size());
-  if (v4) {
-    Knet::IpHdr::write(f.data() + ip, 192, static_cast<U16>(ipSize + pimSize), 1, Knet::ipProtoPim, src,
-                       Knet::allPimRouters(af));
-  } else {
-    Knet::Ip6Hdr::write(f.data() + ip, 192, pimSize, Knet::ipProtoPim, 1, src, Knet::allPimRouters(af));
-  }
-  f.insert(f.end(), pim.begin(), pim.end());
-  return f;
-}
-
 // ---- Reading tshark's JSON ----
 
-const Json& child(const Json& j, const std::string& key) {
-  static const Json missing;
-  if (!j.is_object()) return missing;
-  auto it = j.find(key);
-  return it == j.end() ? missing : *it;
-}
-
-std::string text(const Json& j, const std::string& key) {
-  const Json& v = child(j, key);
-  if (v.is_null()) return "<no " + key + ">";
-  return v.is_string() ? v.get<std::string>() : v.dump();
-}
-
 // With --no-duplicate-keys a field that occurs once is a value and one that repeats an array.
-std::vector<Json> occurrences(const Json& j) {
-  if (j.is_null()) return {};
-  if (j.is_array()) return {j.begin(), j.end()};
-  return {j};
-}
-
 // tshark's "0x07" as a number.
 U8 hexByte(const std::string& s) { return static_cast<U8>(std::strtoul(s.c_str(), nullptr, 16)); }
 
@@ -241,27 +192,6 @@ void readSources(const Json& group, bool join, AddressFamily af, const std::stri
 }
 
 // ---- Running the oracle ----
-
-std::string findOnPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::stringstream dirs(path ? path : "");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    const std::string candidate = (dir.empty() ? "." : dir) + "/" + program;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return {};
-}
-
-std::string shellQuoted(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-bool underCi() {
-  const char* ci = std::getenv("CI");
-  return ci && std::string(ci) == "true";
-}
 
 // The packets of one case and what the tree held before the encoder drained it.
 struct Encoded {
@@ -309,55 +239,13 @@ class TsharkJoinPrune : public testing::TestWithParam<size_t> {
       encoded_.push_back(std::move(e));
     }
 
-    std::string dir = (std::filesystem::temp_directory_path() / "pimio-tshark-jp-XXXXXX").string();
-    if (!::mkdtemp(dir.data())) {
-      error_ = "cannot create a temporary directory under " + std::filesystem::temp_directory_path().string();
-      return;
-    }
-    dir_ = dir;
-    const std::string pcapPath = dir + "/joinprune.pcap";
-    pcap_t* dead = pcap_open_dead(DLT_EN10MB, 65535);
-    pcap_dumper_t* dumper = dead ? pcap_dump_open(dead, pcapPath.c_str()) : nullptr;
-    if (!dumper) {
-      error_ = "cannot write " + pcapPath + (dead ? std::string(": ") + pcap_geterr(dead) : std::string());
-      if (dead) pcap_close(dead);
-      return;
-    }
-    for (size_t i = 0; i < frames.size(); ++i) {
-      pcap_pkthdr h{};
-      h.ts.tv_sec = static_cast<time_t>(i);
-      h.caplen = h.len = static_cast<bpf_u_int32>(frames[i].size());
-      pcap_dump(reinterpret_cast<u_char*>(dumper), &h, frames[i].data());
-    }
-    pcap_dump_close(dumper);
-    pcap_close(dead);
-
-    const std::string errPath = dir + "/tshark.err";
-    const std::string command = shellQuoted(tshark_) + " -n -r " + shellQuoted(pcapPath) +
-                                " -T json --no-duplicate-keys -o ip.check_checksum:TRUE 2>" + shellQuoted(errPath);
-    std::string out;
-    FILE* p = ::popen(command.c_str(), "r");
-    if (!p) {
-      error_ = "cannot run " + command;
-      return;
-    }
-    char buf[65536];
-    for (size_t n; (n = std::fread(buf, 1, sizeof(buf), p)) > 0;) out.append(buf, n);
-    const int status = ::pclose(p);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-      std::ifstream err(errPath);
-      error_ = command + " failed: " + std::string(std::istreambuf_iterator<char>(err), {});
-      return;
-    }
-    packets_ = Json::parse(out, nullptr, false);
-    if (!packets_.is_array() || packets_.size() != frames.size()) {
-      error_ = "tshark's output is not one JSON object per packet:\n" + out.substr(0, 2000);
-    }
+    dissection_ = dissect(tshark_, frames);
+    error_ = dissection_.error;
+    packets_ = dissection_.packets;
   }
 
   static void TearDownTestSuite() {
-    if (!dir_.empty()) std::filesystem::remove_all(dir_);
-    dir_.clear();
+    dissection_.remove();
     encoded_.clear();
   }
 
@@ -371,7 +259,7 @@ class TsharkJoinPrune : public testing::TestWithParam<size_t> {
 
   static inline std::string tshark_;
   static inline std::string error_;
-  static inline std::string dir_;
+  static inline Dissection dissection_;
   static inline std::vector<Encoded> encoded_;
   static inline Json packets_;
 };

@@ -1,0 +1,39 @@
+#pragma once
+// What the tshark oracle tests share: framing a PIM message as the transmit path sends it,
+// dissecting a capture once with `tshark -T json`, and reading tshark's JSON.
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "knet/Address.h"
+
+namespace TsharkTest {
+
+using Json = nlohmann::ordered_json;  // keeps tshark's order of fields
+
+void putU16(std::vector<U8>& b, U16 v);
+
+// The frame of one message: Ethernet to the group's MAC address, then the IP header that the
+// transmit path adds (TTL or hop limit 1, TOS or traffic class 192, to ALL-PIM-ROUTERS).
+std::vector<U8> frame(Knet::AddressFamily af, const Knet::IpGenAddr& src, const std::vector<U8>& pim);
+
+// The member of an object, or null.
+const Json& child(const Json& j, const std::string& key);
+// A field's text, or a marker that names the missing field so that a comparison shows it.
+std::string text(const Json& j, const std::string& key);
+// With --no-duplicate-keys a field that occurs once is a value and one that repeats an array.
+std::vector<Json> occurrences(const Json& j);
+
+std::string findOnPath(const std::string& program);
+bool underCi();
+
+// One run of tshark over a capture of the frames, in a temporary directory of its own.
+struct Dissection {
+  std::string dir;    // removed by remove()
+  Json packets;       // one object per frame
+  std::string error;  // empty when all went well
+  void remove();
+};
+Dissection dissect(const std::string& tshark, const std::vector<std::vector<U8>>& frames);
+
+}  // namespace TsharkTest
