@@ -293,7 +293,7 @@ struct Encoded {
   U16 checksum = 0;     // the checksum the codec wrote
 };
 
-class TsharkHello : public testing::TestWithParam<size_t> {
+class TsharkHello : public OracleTest<Encoded> {
  protected:
   // Encodes every case, writes one pcap and runs tshark over it once.
   static void SetUpTestSuite() {
@@ -319,37 +319,18 @@ class TsharkHello : public testing::TestWithParam<size_t> {
     }
 
     std::vector<std::vector<U8>> frames;
-    for (size_t i = 0; i < encoded_.size(); ++i) frames.push_back(frame(kCases[i].af, sourceOf(kCases[i].af), encoded_[i].pim));
-    dissection_ = dissect(tshark_, frames);
-    error_ = dissection_.error;
-    packets_ = dissection_.packets;
-  }
-
-  static void TearDownTestSuite() {
-    dissection_.remove();
-    encoded_.clear();
-  }
-
-  void SetUp() override {
-    if (tshark_.empty()) {
-      if (underCi()) FAIL() << "tshark is not on the PATH; CI needs it for the oracle test";
-      GTEST_SKIP() << "tshark is not on the PATH (install the tshark package to run the oracle test)";
+    for (size_t i = 0; i < encoded_.size(); ++i) {
+      frames.push_back(frame(kCases[i].af, sourceOf(kCases[i].af), encoded_[i].pim));
     }
-    ASSERT_TRUE(error_.empty()) << error_;
+    dissectFrames(frames);
   }
-
-  static inline std::string tshark_;
-  static inline std::string error_;
-  static inline Dissection dissection_;
-  static inline std::vector<Encoded> encoded_;
-  static inline Json packets_;
 };
 
 TEST_P(TsharkHello, ShowsWhatWasEncoded) {
   const HelloCase& c = kCases[GetParam()];
   const Encoded& e = encoded_[GetParam()];
   SCOPED_TRACE("PIM bytes " + colonHex(e.pim));
-  const Json& layers = child(child(packets_[GetParam()], "_source"), "layers");
+  const Json& layers = child(child(dissection_.packets[GetParam()], "_source"), "layers");
   expectIpHeader(layers, c.af, e.pim.size());
 
   const Json& pim = child(layers, "pim");

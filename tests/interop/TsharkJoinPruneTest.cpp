@@ -201,7 +201,7 @@ struct Encoded {
   size_t firstFrame = 0;  // index of the case's first packet in the capture
 };
 
-class TsharkJoinPrune : public testing::TestWithParam<size_t> {
+class TsharkJoinPrune : public OracleTest<Encoded> {
  protected:
   // Encodes every case, writes one pcap and runs tshark over it once.
   static void SetUpTestSuite() {
@@ -239,29 +239,8 @@ class TsharkJoinPrune : public testing::TestWithParam<size_t> {
       encoded_.push_back(std::move(e));
     }
 
-    dissection_ = dissect(tshark_, frames);
-    error_ = dissection_.error;
-    packets_ = dissection_.packets;
+    dissectFrames(frames);
   }
-
-  static void TearDownTestSuite() {
-    dissection_.remove();
-    encoded_.clear();
-  }
-
-  void SetUp() override {
-    if (tshark_.empty()) {
-      if (underCi()) FAIL() << "tshark is not on the PATH; CI needs it for the oracle test";
-      GTEST_SKIP() << "tshark is not on the PATH (install the tshark package to run the oracle test)";
-    }
-    ASSERT_TRUE(error_.empty()) << error_;
-  }
-
-  static inline std::string tshark_;
-  static inline std::string error_;
-  static inline Dissection dissection_;
-  static inline std::vector<Encoded> encoded_;
-  static inline Json packets_;
 };
 
 TEST_P(TsharkJoinPrune, ShowsWhatWasEncoded) {
@@ -274,7 +253,7 @@ TEST_P(TsharkJoinPrune, ShowsWhatWasEncoded) {
   std::vector<std::string> carried;
   for (size_t i = 0; i < e.pim.size(); ++i) {
     SCOPED_TRACE("packet " + std::to_string(i + 1) + " of " + std::to_string(e.pim.size()));
-    const Json& layers = child(child(packets_[e.firstFrame + i], "_source"), "layers");
+    const Json& layers = child(child(dissection_.packets[e.firstFrame + i], "_source"), "layers");
     // The IP packet fits the MTU.
     const std::string ipLength = v4 ? text(child(layers, "ip"), "ip.len") : text(child(layers, "ipv6"), "ipv6.plen");
     EXPECT_LE(std::stoul(ipLength) + (v4 ? 0 : 40), c.mtu);

@@ -1,6 +1,8 @@
 #pragma once
 // What the tshark oracle tests share: framing a PIM message as the transmit path sends it,
 // dissecting a capture once with `tshark -T json`, and reading tshark's JSON.
+#include <gtest/gtest.h>
+
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -35,5 +37,35 @@ struct Dissection {
   void remove();
 };
 Dissection dissect(const std::string& tshark, const std::vector<std::vector<U8>>& frames);
+
+// The fixture of an oracle suite: the suite encodes its cases into `encoded_` and frames, and
+// dissects the frames once; each test then reads its packets from `dissection_.packets`.
+// Without tshark the tests skip, or fail under CI.
+template <class Encoded>
+class OracleTest : public testing::TestWithParam<size_t> {
+ protected:
+  static void dissectFrames(const std::vector<std::vector<U8>>& frames) {
+    dissection_ = dissect(tshark_, frames);
+    error_ = dissection_.error;
+  }
+
+  static void TearDownTestSuite() {
+    dissection_.remove();
+    encoded_.clear();
+  }
+
+  void SetUp() override {
+    if (tshark_.empty()) {
+      if (underCi()) FAIL() << "tshark is not on the PATH; CI needs it for the oracle test";
+      GTEST_SKIP() << "tshark is not on the PATH (install the tshark package to run the oracle test)";
+    }
+    ASSERT_TRUE(error_.empty()) << error_;
+  }
+
+  static inline std::string tshark_;
+  static inline std::string error_;  // what went wrong while the suite was set up
+  static inline Dissection dissection_;
+  static inline std::vector<Encoded> encoded_;
+};
 
 }  // namespace TsharkTest
