@@ -13,10 +13,12 @@
 #include "knet/Address.h"
 #include "loom/Entity.h"
 #include "loom/FlatMap.h"
+#include "loom/Pool.h"
 
 namespace Routing::Pim {
 
-using SourceSet = Loom::FlatSet<Knet::IpGenAddr>;
+// Most groups carry one or two sources of a kind: the first one is kept inline.
+using SourceSet = Loom::FlatSet<Knet::IpGenAddr, 1>;
 
 // A group's (S,G,rpt) prunes, in source order; the flag of each entry is the agent's.
 class RptPrunedGroupData : public Loom::Entity {
@@ -34,7 +36,8 @@ class RptPrunedGroupData : public Loom::Entity {
   PrunedRptSources prunedRptSource_;
 };
 
-class JoinPruneGroupData : public Loom::Entity {
+// Made and freed by the hundred per decoded packet, so its storage is recycled.
+class JoinPruneGroupData : public Loom::Entity, public Loom::Pooled<JoinPruneGroupData> {
  public:
   // The (*,G) entry: a join or a prune toward the RP.
   struct WcSourceData {

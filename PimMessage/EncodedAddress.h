@@ -78,6 +78,22 @@ class EncodedGroupAddress : public Loom::Entity {
   U32 writeGroupAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
   bool valid() const;
 
+  // The fast path of decoders: reads the encoding at offset if it is a well-formed multicast host
+  // group of the family (native encoding, host mask) and returns its size. Returns 0 and reads
+  // nothing for anything else, which readGroupAddress() and valid() then take with their checks
+  // and texts.
+  static U32 readValidHostGroup(const U8* data, U32 size, U32 offset, Knet::AddressFamily af, GroupAddress& out) {
+    const U32 width = af == Knet::AddressFamily::ipv4 ? 4 : 16;
+    if (offset > size || size - offset < 4 + width) return 0;
+    const U8* p = data + offset;
+    if (p[0] != static_cast<U8>(af) || p[1] != defaultEncoding || p[3] != Knet::IpGenPrefix::maxLength(af)) return 0;
+    const Knet::IpGenAddr a = Knet::IpGenAddr::fromBytes(af, p + 4);
+    if (!a.isMulticast()) return 0;
+    out.address = a;
+    out.flags = GroupFlags(p[2]);
+    return 4 + width;
+  }
+
  private:
   Knet::IpGenPrefix prefix_;
   GroupFlags flags_;

@@ -175,26 +175,34 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
   const U8* const bytes = pkt->data();
   const U32 bytesSize = pkt->size();
   for (U32 g = 0; g < numGroups; ++g) {
-    const U32 groupLen = encGroup.readGroupAddress(pkt, static_cast<U32>(pos));
-    if (groupLen == 0) {
-      PIM_TRACE(traceError, kGroupParse);
-      return 0;
-    }
-    const Knet::IpGenAddr groupAddr = encGroup.prefix().address();
-    JoinPruneGroupData& group = data->joinPruneGroupDataIs(groupAddr);
-    group.groupFlagsIs(encGroup.flags().value());
-
+    // A well-formed valid host group of the family takes the fast path; anything else the full
+    // read with its checks and texts.
+    GroupAddress groupRead;
     bool filtered = false;
-    if (groupAddr.af() != family) {
-      PIM_TRACE(traceWarning, kGroupFamily << family << "Group Address: " << groupAddr);
-      filtered = true;
-    } else if (!encGroup.valid() || !encGroup.isHostPrefix()) {
-      PIM_TRACE(traceWarning, kGroupInvalid << groupAddr);
-      filtered = true;
-    } else if (intfBoundary && intfBoundary->filtered(groupAddr)) {
+    U32 groupLen = EncodedGroupAddress::readValidHostGroup(bytes, bytesSize, static_cast<U32>(pos), family, groupRead);
+    if (groupLen == 0) {
+      groupLen = encGroup.readGroupAddress(pkt, static_cast<U32>(pos));
+      if (groupLen == 0) {
+        PIM_TRACE(traceError, kGroupParse);
+        return 0;
+      }
+      groupRead = GroupAddress{encGroup.prefix().address(), encGroup.flags()};
+      if (groupRead.address.af() != family) {
+        PIM_TRACE(traceWarning, kGroupFamily << family << "Group Address: " << groupRead.address);
+        filtered = true;
+      } else if (!encGroup.valid() || !encGroup.isHostPrefix()) {
+        PIM_TRACE(traceWarning, kGroupInvalid << groupRead.address);
+        filtered = true;
+      }
+    }
+    const Knet::IpGenAddr& groupAddr = groupRead.address;
+    JoinPruneGroupData& group = data->joinPruneGroupDataIs(groupAddr);
+    group.groupFlagsIs(groupRead.flags.value());
+
+    if (!filtered && intfBoundary && intfBoundary->filtered(groupAddr)) {
       PIM_TRACE(traceFilter, kGroupBoundary << groupAddr);
       filtered = true;
-    } else if (group.bidir() != bidir_) {
+    } else if (!filtered && group.bidir() != bidir_) {
       PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << group.bidir()
                                           << " Msg Bidirectional Support: " << bidir_);
       filtered = true;

@@ -18,11 +18,8 @@ std::ostream& operator<<(std::ostream& os, AddressFamily af) {
 
 IpGenAddr IpGenAddr::ipv4(U32 hostOrder) {
   IpGenAddr a;
-  a.af_ = AddressFamily::ipv4;
-  a.bytes_[0] = hostOrder >> 24;
-  a.bytes_[1] = hostOrder >> 16;
-  a.bytes_[2] = hostOrder >> 8;
-  a.bytes_[3] = hostOrder;
+  a.family_ = static_cast<U64>(AddressFamily::ipv4);
+  a.words_[0] = __builtin_bswap32(hostOrder);
   return a;
 }
 
@@ -38,20 +35,20 @@ std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) {
 }
 
 U32 IpGenAddr::v4() const {
-  if (af_ != AddressFamily::ipv4) return 0;
-  return U32(bytes_[0]) << 24 | U32(bytes_[1]) << 16 | U32(bytes_[2]) << 8 | bytes_[3];
+  return af() == AddressFamily::ipv4 ? __builtin_bswap32(static_cast<U32>(words_[0])) : 0;
 }
 
 bool IpGenAddr::isLinkLocal() const {
-  if (af_ == AddressFamily::ipv4) return bytes_[0] == 169 && bytes_[1] == 254;
-  if (af_ == AddressFamily::ipv6) return bytes_[0] == 0xfe && (bytes_[1] & 0xc0) == 0x80;
+  const U8* b = bytes();
+  if (af() == AddressFamily::ipv4) return b[0] == 169 && b[1] == 254;
+  if (af() == AddressFamily::ipv6) return b[0] == 0xfe && (b[1] & 0xc0) == 0x80;
   return false;
 }
 
 std::string IpGenAddr::str() const {
   char buf[INET6_ADDRSTRLEN];
-  if (af_ == AddressFamily::ipv4) return inet_ntop(AF_INET, bytes_.data(), buf, sizeof(buf));
-  if (af_ == AddressFamily::ipv6) return inet_ntop(AF_INET6, bytes_.data(), buf, sizeof(buf));
+  if (af() == AddressFamily::ipv4) return inet_ntop(AF_INET, bytes(), buf, sizeof(buf));
+  if (af() == AddressFamily::ipv6) return inet_ntop(AF_INET6, bytes(), buf, sizeof(buf));
   return "unset";
 }
 

@@ -2,6 +2,7 @@
 // Network value types: address family, generic IPv4/IPv6 address and prefix, interface id, PIM
 // message type.
 #include <array>
+#include <bit>
 #include <compare>
 #include <cstring>
 #include <functional>
@@ -18,8 +19,10 @@ namespace Knet {
 enum class AddressFamily : U8 { ipUnknown = 0, ipv4 = 1, ipv6 = 2 };
 std::ostream& operator<<(std::ostream& os, AddressFamily af);
 
+static_assert(std::endian::native == std::endian::little, "addresses are stored as little-endian words");
+
 // An IPv4 or IPv6 address tagged with its family, or unset (family ipUnknown, all zero).
-// The bytes come first and word-aligned, so that copies and comparisons are two 8-byte moves.
+// The bytes come first, as two words, so that copies and comparisons are two 8-byte moves.
 class IpGenAddr {
  public:
   IpGenAddr() = default;
@@ -28,51 +31,55 @@ class IpGenAddr {
   // Address of the given family from its network-order bytes (4 or 16 of them); unset for
   // another family.
   static IpGenAddr fromBytes(AddressFamily af, const U8* bytes) {
+    // Whole words are stored, so that the word reads of a comparison that follows right away
+    // are forwarded from the stores instead of waiting for them.
     IpGenAddr a;
+    U64 w0 = 0, w1 = 0;
     if (af == AddressFamily::ipv4) {
-      std::memcpy(a.bytes_.data(), bytes, 4);
+      U32 v;
+      std::memcpy(&v, bytes, 4);
+      w0 = v;  // the four bytes land first in memory on this little-endian target
     } else if (af == AddressFamily::ipv6) {
-      std::memcpy(a.bytes_.data(), bytes, 16);
+      std::memcpy(&w0, bytes, 8);
+      std::memcpy(&w1, bytes + 8, 8);
     } else {
       return a;
     }
-    a.af_ = af;
+    // One 16-byte store: a copy that reads the address back as 16 bytes is then forwarded from
+    // it (two 8-byte stores read back as one 16-byte load stall the pipeline).
+    using Words = U64 __attribute__((vector_size(16)));
+    const Words words = {w0, w1};
+    std::memcpy(a.words_, &words, sizeof(words));
+    a.family_ = static_cast<U64>(af);
     return a;
   }
   // Parses dotted IPv4 or textual IPv6; nullopt when the text is neither.
   static std::optional<IpGenAddr> parse(std::string_view text);
 
-  AddressFamily af() const { return af_; }
-  bool isSet() const { return af_ != AddressFamily::ipUnknown; }
+  AddressFamily af() const { return static_cast<AddressFamily>(family_); }
+  bool isSet() const { return af() != AddressFamily::ipUnknown; }
   // 4 for IPv4, 16 for IPv6, 0 when unset.
-  U32 byteLength() const { return af_ == AddressFamily::ipv4 ? 4 : af_ == AddressFamily::ipv6 ? 16 : 0; }
-  const U8* bytes() const { return bytes_.data(); }
+  U32 byteLength() const { return af() == AddressFamily::ipv4 ? 4 : af() == AddressFamily::ipv6 ? 16 : 0; }
+  const U8* bytes() const { return reinterpret_cast<const U8*>(words_); }
   // The IPv4 address as a host-order number (0 for other families).
   U32 v4() const;
   bool isMulticast() const {
-    if (af_ == AddressFamily::ipv4) return (bytes_[0] & 0xf0) == 0xe0;
-    return af_ == AddressFamily::ipv6 && bytes_[0] == 0xff;
+    const U8 first = static_cast<U8>(words_[0]);  // the first address byte
+    if (af() == AddressFamily::ipv4) return (first & 0xf0) == 0xe0;
+    return af() == AddressFamily::ipv6 && first == 0xff;
   }
   bool isZero() const {
-    U64 w0, w1;
-    std::memcpy(&w0, bytes_.data(), 8);
-    std::memcpy(&w1, bytes_.data() + 8, 8);
-    return (w0 | w1) == 0;
+    return (words_[0] | words_[1]) == 0;
   }
   bool isLinkLocal() const;
   std::string str() const;
 
   friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) {
-    U64 a0, a1, b0, b1;
-    std::memcpy(&a0, a.bytes_.data(), 8);
-    std::memcpy(&a1, a.bytes_.data() + 8, 8);
-    std::memcpy(&b0, b.bytes_.data(), 8);
-    std::memcpy(&b1, b.bytes_.data() + 8, 8);
-    return ((a0 ^ b0) | (a1 ^ b1)) == 0 && a.af_ == b.af_;
+    return ((a.words_[0] ^ b.words_[0]) | (a.words_[1] ^ b.words_[1])) == 0 && a.family_ == b.family_;
   }
   // Orders by family, then by the address bytes.
   friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) {
-    if (a.af_ != b.af_) return a.af_ <=> b.af_;
+    if (a.af() != b.af()) return a.af() <=> b.af();
     const U64 a0 = a.word(0), b0 = b.word(0);
     if (a0 != b0) return a0 <=> b0;
     return a.word(1) <=> b.word(1);
@@ -81,12 +88,14 @@ class IpGenAddr {
  private:
   // Bytes 8i to 8i+7 as a big-endian number: ordering the words orders the bytes.
   U64 word(int i) const {
-    U64 w;
-    std::memcpy(&w, bytes_.data() + 8 * i, 8);
-    return __builtin_bswap64(w);
+    return __builtin_bswap64(words_[i]);
   }
-  alignas(8) std::array<U8, 16> bytes_{};
-  AddressFamily af_ = AddressFamily::ipUnknown;
+  // The 16 address bytes in network order, as two words (the IPv4 bytes are the first four, the
+  // rest zero). Words rather than bytes, so that the compiler keeps an address in two registers.
+  U64 words_[2]{};
+  // The family, widened to a word: it is written whole, so that copying an address (two or three
+  // word moves) never reads a word of which only one byte was just stored.
+  U64 family_ = static_cast<U64>(AddressFamily::ipUnknown);
 };
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& a);
 

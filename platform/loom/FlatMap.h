@@ -4,15 +4,22 @@
 // keys in ascending order (the common case when a packet is decoded from a sorted sender) only
 // appends.
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "loom/SmallVector.h"
+
 namespace Loom {
 
-template <class K>
+// With Inline > 0, the first Inline keys live inside the set (see SmallVector): a set that
+// usually holds one or two keys costs no allocation.
+template <class K, size_t Inline = 0>
 class FlatSet {
+  using Storage = std::conditional_t<Inline == 0, std::vector<K>, SmallVector<K, Inline == 0 ? 1 : Inline>>;
+
  public:
-  using const_iterator = typename std::vector<K>::const_iterator;
+  using const_iterator = typename Storage::const_iterator;
 
   size_t size() const { return items_.size() - head_; }
   bool empty() const { return size() == 0; }
@@ -59,10 +66,12 @@ class FlatSet {
   void eraseSorted(const std::vector<K>& keys) {
     compact();
     auto next = keys.begin();
-    std::erase_if(items_, [&](const K& k) {
-      while (next != keys.end() && *next < k) ++next;
-      return next != keys.end() && *next == k;
-    });
+    items_.erase(std::remove_if(items_.begin(), items_.end(),
+                                [&](const K& k) {
+                                  while (next != keys.end() && *next < k) ++next;
+                                  return next != keys.end() && *next == k;
+                                }),
+                 items_.end());
   }
   void clear() {
     items_.clear();
@@ -84,7 +93,7 @@ class FlatSet {
     items_.insert(it, k);
     return true;
   }
-  std::vector<K> items_;
+  Storage items_;
   size_t head_ = 0;
 };
 

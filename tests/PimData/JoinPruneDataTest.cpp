@@ -276,8 +276,14 @@ TEST(JoinPruneData, Bookmark) {
   EXPECT_FALSE(d.bookmark()->group.isSet());
 }
 
-TEST(FlatContainers, OrderLookupAndErase) {
-  Loom::FlatSet<int> s;
+// Sets on a plain vector and sets that keep their first keys inline must behave alike.
+template <class Set>
+class FlatSetStorage : public ::testing::Test {};
+using SetStorages = ::testing::Types<Loom::FlatSet<int>, Loom::FlatSet<int, 1>, Loom::FlatSet<int, 3>>;
+TYPED_TEST_SUITE(FlatSetStorage, SetStorages);
+
+TYPED_TEST(FlatSetStorage, OrderLookupAndErase) {
+  TypeParam s;
   for (int k : {5, 1, 9, 3, 9, 7}) s.insert(k);
   EXPECT_EQ(std::vector<int>(s.begin(), s.end()), (std::vector<int>{1, 3, 5, 7, 9}));
   EXPECT_EQ(*s.lowerBound(4), 5);
@@ -288,7 +294,14 @@ TEST(FlatContainers, OrderLookupAndErase) {
   EXPECT_FALSE(s.erase(3));
   s.eraseSorted({0, 1, 8, 9, 11});
   EXPECT_EQ(std::vector<int>(s.begin(), s.end()), (std::vector<int>{5, 7}));
+  TypeParam copy = s;
+  s.insert(6);
+  EXPECT_EQ(std::vector<int>(copy.begin(), copy.end()), (std::vector<int>{5, 7})) << "a copy shares storage";
+  TypeParam moved = std::move(s);
+  EXPECT_EQ(std::vector<int>(moved.begin(), moved.end()), (std::vector<int>{5, 6, 7}));
+}
 
+TEST(FlatContainers, MapOrderLookupAndErase) {
   Loom::FlatMap<int, std::string> m;
   int made = 0;
   auto make = [&] {
@@ -318,8 +331,8 @@ TEST(FlatContainers, OrderLookupAndErase) {
 
 // The encoder deletes the entries it wrote with a range erase; a removed prefix only moves the
 // start of the set. Whatever the set does inside, what it holds must be as if erased one by one.
-TEST(FlatContainers, RangeErase) {
-  using Set = Loom::FlatSet<int>;
+TYPED_TEST(FlatSetStorage, RangeErase) {
+  using Set = TypeParam;
   struct Case {
     const char* name;
     std::vector<int> held;

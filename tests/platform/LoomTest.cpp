@@ -3,10 +3,12 @@
 
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 #include "loom/Entity.h"
 #include "loom/LogMessage.h"
+#include "loom/Pool.h"
 #include "loom/SmallVector.h"
 #include "loom/Trace.h"
 
@@ -281,6 +283,56 @@ TEST(SmallVector, StaysInlineThenMovesToTheHeapKeepingOrder) {
   EXPECT_EQ(v.front(), 7);
 }
 
+// Every operation, inline and on the heap, against std::vector as the reference; the element
+// inserted is at times one of the vector's own (it must be copied before the storage moves).
+TEST(SmallVector, BehavesAsAVectorAcrossTheInlineLimit) {
+  struct Step {
+    const char* name;
+    std::function<void(SmallVector<int, 2>&, std::vector<int>&)> apply;
+  };
+  auto insertAt = [](size_t at, int v) {
+    return [=](SmallVector<int, 2>& s, std::vector<int>& r) {
+      s.insert(s.begin() + at, v);
+      r.insert(r.begin() + static_cast<std::ptrdiff_t>(at), v);
+    };
+  };
+  const Step steps[] = {
+      {"push inline", [](auto& s, auto& r) { s.push_back(4), r.push_back(4); }},
+      {"insert in front, inline", insertAt(0, 1)},
+      {"insert past the inline room", insertAt(1, 2)},
+      {"push own element", [](auto& s, auto& r) { s.push_back(s[0]), r.push_back(r[0]); }},
+      {"insert own element", [](auto& s, auto& r) {
+         s.insert(s.begin() + 2, s[3]);
+         r.insert(r.begin() + 2, r[3]);
+       }},
+      {"erase a range", [](auto& s, auto& r) { s.erase(s.begin() + 1, s.begin() + 3), r.erase(r.begin() + 1, r.begin() + 3); }},
+      {"reserve", [](auto& s, auto&) { s.reserve(40); }},
+      {"clear", [](auto& s, auto& r) { s.clear(), r.clear(); }},
+      {"refill", [](auto& s, auto& r) {
+         for (int i = 0; i < 9; ++i) s.push_back(i), r.push_back(i);
+       }},
+  };
+  SmallVector<int, 2> s;
+  std::vector<int> r;
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.name);
+    step.apply(s, r);
+    EXPECT_EQ(s, r);
+    EXPECT_EQ(s.size(), r.size());
+    EXPECT_GE(s.capacity(), s.size());
+    SmallVector<int, 2> copy(s);
+    EXPECT_EQ(copy, r);
+    SmallVector<int, 2> assigned{7, 7, 7};
+    assigned = s;
+    EXPECT_EQ(assigned, r);
+    SmallVector<int, 2> moved(std::move(copy));
+    EXPECT_EQ(moved, r);
+    EXPECT_TRUE(copy.empty());
+    copy = std::move(moved);
+    EXPECT_EQ(copy, r);
+  }
+}
+
 TEST(SmallVector, EraseInsideTheInlineElements) {
   SmallVector<int, 4> v{1, 2, 3};
   v.erase(v.begin());
@@ -289,6 +341,38 @@ TEST(SmallVector, EraseInsideTheInlineElements) {
   EXPECT_EQ(v, std::vector<int>{2});
   SmallVector<int, 4> w{2};
   EXPECT_TRUE(v == w);
+}
+
+}  // namespace
+}  // namespace Loom
+
+namespace Loom {
+namespace {
+
+struct PooledThing : public Pooled<PooledThing> {
+  char payload[48];
+};
+struct BiggerThing : public PooledThing {
+  char more[64];
+};
+
+// A freed object's storage is handed to the next one made, on the same thread; a derived class of
+// another size never takes a block of the pool.
+TEST(Pooled, RecyclesFreedStorage) {
+  const size_t before = PooledThing::pooledFree();
+  auto* a = new PooledThing;
+  auto* b = new PooledThing;
+  delete a;
+  EXPECT_EQ(PooledThing::pooledFree(), before + 1);
+  auto* c = new PooledThing;
+  EXPECT_EQ(static_cast<void*>(c), static_cast<void*>(a)) << "the freed block was not reused";
+  EXPECT_EQ(PooledThing::pooledFree(), before);
+  delete b;
+  delete c;
+  auto* big = new BiggerThing;
+  EXPECT_EQ(PooledThing::pooledFree(), before + 2) << "a bigger object took a pooled block";
+  delete big;
+  EXPECT_EQ(PooledThing::pooledFree(), before + 2) << "a bigger object went into the pool";
 }
 
 }  // namespace
