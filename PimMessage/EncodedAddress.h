@@ -2,6 +2,7 @@
 // The three PIM address encodings: Encoded-Unicast, Encoded-Group and Encoded-Source
 // (RFC 7761, 4.9.1). Reading checks only the layout (room, encoding type, family, mask length);
 // valid() tells whether the address is acceptable where the protocol needs it. Writing checks both.
+#include <cstring>
 #include <ostream>
 #include <string>
 
@@ -134,6 +135,21 @@ class EncodedSourceAddress : public Loom::Entity {
     if (a.isMulticast() || a.isZero()) return 0;
     out.address = a;
     out.flags = SourceFlags(p[2]);
+    return 4 + width;
+  }
+
+  // The fast path of encoders that write long source lists: writes a unicast source of a known
+  // family as a host prefix at offset, when it fits, and returns its size. Returns 0 and writes
+  // nothing for anything else, which writeSourceAddress() then refuses with its texts.
+  static U32 writeHostSource(U8* data, U32 size, U32 offset, const Knet::IpGenAddr& a, SourceFlags flags) {
+    const U32 width = a.byteLength();
+    if (width == 0 || a.isMulticast() || offset > size || size - offset < 4 + width) return 0;
+    U8* p = data + offset;
+    p[0] = static_cast<U8>(a.af());
+    p[1] = defaultEncoding;
+    p[2] = flags.value();
+    p[3] = static_cast<U8>(8 * width);
+    std::memcpy(p + 4, a.bytes(), width);
     return 4 + width;
   }
 

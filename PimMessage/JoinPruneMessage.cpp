@@ -365,6 +365,7 @@ struct Packer {
 
   // Writes one source entry with its flags; 0 on failure.
   U32 writeSource(const Knet::IpGenAddr& a, U8 flags) {
+    if (const U32 n = EncodedSourceAddress::writeHostSource(pkt->data(), pkt->size(), pos, a, SourceFlags(flags))) return n;
     EncodedSourceAddress& enc = scratchSourceAddress();
     enc.prefixIs(Knet::IpGenPrefix(a, Knet::IpGenPrefix::maxLength(a.af())));
     enc.flagsIs(SourceFlags(flags));
