@@ -397,6 +397,17 @@ void BM_EmptyLoop(benchmark::State& state) {
   }
 }
 
+// Baseline of an off trace: the least it can cost is reading a level from memory and branching.
+int levelInMemory = Routing::Pim::Packet::traceError;
+void BM_LevelCheckLoop(benchmark::State& state) {
+  NeighborSummary n = neighborSummary();
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(&n);
+    if (levelInMemory >= Routing::Pim::Packet::traceDetail) benchmark::DoNotOptimize(n);
+    benchmark::ClobberMemory();
+  }
+}
+
 // A detail trace while only errors are traced, as a router runs: the level is read again on
 // every call because memory is clobbered.
 void BM_TraceOff(benchmark::State& state) {
@@ -451,6 +462,7 @@ BENCHMARK_CAPTURE(BM_HelloEncodeByHand, ipv6, AddressFamily::ipv6);
 BENCHMARK_CAPTURE(BM_HelloEncode, ipv6, AddressFamily::ipv6);
 
 BENCHMARK(BM_EmptyLoop);
+BENCHMARK(BM_LevelCheckLoop);
 BENCHMARK(BM_TraceOff);
 BENCHMARK(BM_PimTraceOff);
 BENCHMARK(BM_TraceOnCapture);
