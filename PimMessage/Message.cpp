@@ -1,5 +1,9 @@
 #include "PimMessage/Message.h"
 
+#include "PimMessage/AssertMessage.h"
+#include "PimMessage/HelloMessage.h"
+#include "PimMessage/JoinPruneMessage.h"
+#include "PimMessage/RegisterMessage.h"
 #include "knet/PimHdr.h"
 
 namespace Routing::Pim::Packet {
@@ -126,6 +130,13 @@ U32 Message::writeHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   return 4;
 }
 
-Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType) { return new Message(pimMessageType); }
+Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType) {
+  if (pimMessageType == Knet::pimHello()) return new HelloMessage;
+  if (pimMessageType == Knet::pimRegister()) return new RegisterMessage;
+  if (pimMessageType == Knet::pimRegisterStop()) return new RegisterStopMessage;
+  if (pimMessageType == Knet::pimJoinPrune()) return new JoinPruneMessage;
+  if (pimMessageType == Knet::pimAssert()) return new AssertMessage;
+  return new Message(pimMessageType);
+}
 
 }  // namespace Routing::Pim::Packet

@@ -1,12 +1,15 @@
 // Text of messages and records in traces: one fixed layout per class so that traces can be read
 // and compared.
 #include <charconv>
+#include <iomanip>
 #include <sstream>
 
+#include "PimMessage/AssertMessage.h"
 #include "PimMessage/EncodedAddress.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/Message.h"
+#include "PimMessage/RegisterMessage.h"
 
 namespace Routing::Pim::Packet {
 
@@ -18,6 +21,58 @@ std::ostream& operator<<(std::ostream& os, const Message* m) {
 }
 
 std::ostream& operator<<(std::ostream& os, const HelloMessage* m) { return os << static_cast<const Message*>(m); }
+
+// ---- Register and Register-Stop ----
+
+std::ostream& operator<<(std::ostream& os, RegisterImplFlags f) {
+  const auto saved = os.flags();
+  os << "0x" << std::hex << std::setw(8) << std::setfill('0') << f.value();
+  os.flags(saved);
+  os << std::setfill(' ');
+  if (f.border() && f.null()) return os << "(B,N)";
+  if (f.border()) return os << "(B)";
+  if (f.null()) return os << "(N)";
+  return os;
+}
+
+std::string valueToStrep(RegisterImplFlags f) {
+  std::ostringstream os;
+  os << f;
+  return os.str();
+}
+
+std::ostream& operator<<(std::ostream& os, const RegisterMessage* m) { return os << static_cast<const Message*>(m); }
+
+void RegisterMessage::print(std::ostream& os) const {
+  Message::print(os);
+  os << " | null bit=" << int(nullFlag()) << ", border bit=" << int(borderFlag())
+     << " | Encapsulated src=" << encapsulatedSrc_ << " dst=" << encapsulatedDst_ << " outer dst=" << dstIp()
+     << " outer src=" << srcIp();
+}
+
+std::ostream& operator<<(std::ostream& os, const RegisterStopMessage* m) {
+  return os << static_cast<const Message*>(m);
+}
+
+void RegisterStopMessage::print(std::ostream& os) const {
+  Message::print(os);
+  os << " | source=" << source_ << ", group=( address=" << group_ << ", flags=" << groupFlags_ << " )"
+     << " outer dst=" << dstIp() << " outer src=" << srcIp();
+}
+
+// ---- Assert ----
+
+std::ostream& operator<<(std::ostream& os, AssertMetricPreference p) { return os << p.value(); }
+
+std::string valueToStrep(AssertMetricPreference p) { return std::to_string(p.value()); }
+
+std::ostream& operator<<(std::ostream& os, const AssertMessage* m) { return os << static_cast<const Message*>(m); }
+
+void AssertMessage::print(std::ostream& os) const {
+  Message::print(os);
+  os << " | source=" << source_ << ", group=( address=" << group_ << ", flags=" << groupFlags_ << " )"
+     << ", rpt=" << int(rpt()) << ", preference=" << metricPreference() << ", metric=" << metric_;
+}
 
 void HelloMessage::print(std::ostream& os) const {
   Message::print(os);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cassert>
 
+#include "loom/Assert.h"
+
 namespace Knet {
 
 Pkt::Pkt(U32 size, U32 headRoom) : buf_(new PktBuffer(size + headRoom)), head_(headRoom), size_(size) {}
@@ -24,6 +26,12 @@ void Pkt::headAdd(U32 n) {
 void Pkt::headDel(U32 n) {
   assert(n <= size_ && "Pkt::headDel past the end");
   n = std::min(n, size_);
+  head_ += n;
+  size_ -= n;
+}
+
+void Pkt::delSharedHeadData(U32 n) {
+  LOOM_ASSERT(n <= size_, "Pkt::delSharedHeadData past the end");
   head_ += n;
   size_ -= n;
 }

@@ -41,6 +41,10 @@ class Pkt : public Loom::PtrInterface {
   void headAdd(U32 n);
   // Removes n bytes from the front (n at most size()).
   void headDel(U32 n);
+  // Drops n bytes (at most size()) from the front of this packet's window without touching or
+  // copying the bytes, also when the buffer is shared: the other packets over it keep their own
+  // windows. A received data Register is handed on this way, from its inner IP header on.
+  void delSharedHeadData(U32 n);
   // Cuts the packet to n bytes, or extends it with zero bytes.
   void sizeIs(U32 n);
 
