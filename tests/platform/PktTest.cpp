@@ -58,6 +58,24 @@ TEST(Pkt, SharedDataIsNotCopiedUntilMadeUnique) {
   EXPECT_EQ(p->data()[0], 1);
 }
 
+// A received data Register is handed on by dropping its outer headers in place: the bytes stay
+// where they are, and another window on the same buffer keeps its own start.
+TEST(Pkt, DelSharedHeadDataMovesOnlyThisWindow) {
+  auto p = pktFactory(std::vector<U8>{1, 2, 3, 4, 5});
+  auto other = p->sharedPkt();
+  const U8* start = p->data();
+  p->delSharedHeadData(3);
+  EXPECT_EQ(p->data(), start + 3);
+  EXPECT_EQ(p->size(), 2u);
+  EXPECT_EQ(p->data()[0], 4);
+  EXPECT_TRUE(p->dataShared()) << "the bytes were copied";
+  EXPECT_EQ(other->data(), start);
+  EXPECT_EQ(other->size(), 5u);
+  p->delSharedHeadData(2);
+  EXPECT_EQ(p->size(), 0u);
+  EXPECT_DEATH(p->delSharedHeadData(1), "Pkt::delSharedHeadData past the end");
+}
+
 TEST(Cursor, ReadsBigEndianAndRefusesToOverrun) {
   const std::vector<U8> b = {0x12, 0x34, 0x56, 0x78, 0x9a};
   PktReader r(b.data(), 5, 0);
