@@ -24,7 +24,8 @@ void putU16(std::vector<U8>& b, U16 v) {
   b.push_back(static_cast<U8>(v));
 }
 
-std::vector<U8> frame(AddressFamily af, const IpGenAddr& src, const std::vector<U8>& pim) {
+std::vector<U8> frame(AddressFamily af, const IpGenAddr& src, const std::vector<U8>& pim, const IpGenAddr& dst) {
+  const IpGenAddr to = dst.isSet() ? dst : Knet::allPimRouters(af);
   const bool v4 = af == AddressFamily::ipv4;
   std::vector<U8> f = {0x01, 0x00, 0x5e, 0x00, 0x00, 0x0d,  // to 224.0.0.13's MAC (IPv6: 33:33:00:00:00:0d)
                        0x02, 0x00, 0x00, 0x00, 0x00, 0x01,  // from a local MAC
@@ -40,10 +41,9 @@ std::vector<U8> frame(AddressFamily af, const IpGenAddr& src, const std::vector<
   f.resize(ip + ipSize);
   const U16 pimSize = static_cast<U16>(pim.size());
   if (v4) {
-    Knet::IpHdr::write(f.data() + ip, 192, static_cast<U16>(ipSize + pimSize), 1, Knet::ipProtoPim, src,
-                       Knet::allPimRouters(af));
+    Knet::IpHdr::write(f.data() + ip, 192, static_cast<U16>(ipSize + pimSize), 1, Knet::ipProtoPim, src, to);
   } else {
-    Knet::Ip6Hdr::write(f.data() + ip, 192, pimSize, Knet::ipProtoPim, 1, src, Knet::allPimRouters(af));
+    Knet::Ip6Hdr::write(f.data() + ip, 192, pimSize, Knet::ipProtoPim, 1, src, to);
   }
   f.insert(f.end(), pim.begin(), pim.end());
   return f;

@@ -15,9 +15,10 @@ using Json = nlohmann::ordered_json;  // keeps tshark's order of fields
 
 void putU16(std::vector<U8>& b, U16 v);
 
-// The frame of one message: Ethernet to the group's MAC address, then the IP header that the
-// transmit path adds (TTL or hop limit 1, TOS or traffic class 192, to ALL-PIM-ROUTERS).
-std::vector<U8> frame(Knet::AddressFamily af, const Knet::IpGenAddr& src, const std::vector<U8>& pim);
+// The frame of one message: Ethernet, then the IP header that the transmit path adds (TTL or hop
+// limit 1, TOS or traffic class 192) to `dst`, ALL-PIM-ROUTERS when it is unset.
+std::vector<U8> frame(Knet::AddressFamily af, const Knet::IpGenAddr& src, const std::vector<U8>& pim,
+                      const Knet::IpGenAddr& dst = Knet::IpGenAddr());
 
 // The member of an object, or null.
 const Json& child(const Json& j, const std::string& key);

@@ -14,8 +14,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "PimMessage/AssertMessage.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
+#include "PimMessage/RegisterMessage.h"
 
 namespace Pimio::Cli {
 
@@ -41,6 +43,11 @@ Json jsonOf(T v) {
 Json jsonOf(const Knet::IpGenAddr& a);
 Json jsonOf(std::span<const Knet::IpGenAddr> list);
 Json jsonOf(Routing::Pim::Packet::HelloPropagationDelay d);
+Json jsonOf(Routing::Pim::GroupFlags f);
+Json jsonOf(Routing::Pim::Packet::AssertMetricPreference p);
+// Bytes as lower-case hex digits, and back.
+std::string hexOf(std::span<const U8> bytes);
+bool bytesOfHex(const Json& j, std::vector<U8>& out, std::string& error);
 
 // The readers return false and say why when the JSON value has the wrong type or range.
 bool valueOf(const Json& j, bool& out, std::string& error);
@@ -56,6 +63,8 @@ bool valueOf(const Json& j, T& out, std::string& error) {
 bool valueOf(const Json& j, Knet::IpGenAddr& out, std::string& error);
 bool valueOf(const Json& j, std::vector<Knet::IpGenAddr>& out, std::string& error);
 bool valueOf(const Json& j, Routing::Pim::Packet::HelloPropagationDelay& out, std::string& error);
+bool valueOf(const Json& j, Routing::Pim::GroupFlags& out, std::string& error);
+bool valueOf(const Json& j, Routing::Pim::Packet::AssertMetricPreference& out, std::string& error);
 
 // ---- Attribute tables ----
 
@@ -128,5 +137,16 @@ std::span<const Attribute<Routing::Pim::Packet::HelloMessage>> helloAttributes()
 //    "joinedRpt":[ADDR...],"joined":[...],"prunedRpt":[...],"pruned":[...]}
 // and encoding also takes "joinSuppress":[ADDR...] in a group and "wcSuppressed":BOOL in starG.
 std::span<const Attribute<Routing::Pim::Packet::JoinPruneMessage>> joinPruneAttributes();
+
+// The Register's attributes: the header's reserved byte, the flags word with its B and N bits as
+// views, the inner source and group, and for a data Register the inner packet as hex ("inner",
+// null for a Null-Register). Encoding a data Register takes the inner packet; a Null-Register
+// takes the inner source and group and gets this codec's own dummy header.
+std::span<const Attribute<Routing::Pim::Packet::RegisterMessage>> registerAttributes();
+// The Register-Stop's attributes: reserved byte, group, group flags, source.
+std::span<const Attribute<Routing::Pim::Packet::RegisterStopMessage>> registerStopAttributes();
+// The Assert's attributes: reserved byte, group, group flags, source, the RPT bit and metric
+// preference word with its two parts as views, the metric.
+std::span<const Attribute<Routing::Pim::Packet::AssertMessage>> assertAttributes();
 
 }  // namespace Pimio::Cli

@@ -4,15 +4,20 @@
 #include <functional>
 #include <sstream>
 
+#include "PimMessage/AssertMessage.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
+#include "PimMessage/RegisterMessage.h"
 
 namespace Pimio::Cli {
 
 using Routing::Pim::JoinPruneData;
+using Routing::Pim::Packet::AssertMessage;
 using Routing::Pim::Packet::HelloMessage;
 using Routing::Pim::Packet::JoinPruneMessage;
 using Routing::Pim::Packet::Message;
+using Routing::Pim::Packet::RegisterMessage;
+using Routing::Pim::Packet::RegisterStopMessage;
 
 namespace {
 
@@ -105,7 +110,13 @@ MessageCodec joinPruneCodec() {
 const std::array codecs{
     codec<HelloMessage, &HelloMessage::readHelloMessage, &HelloMessage::writeHelloMessage, helloAttributes>(
         Knet::pimHello()),
+    codec<RegisterMessage, &RegisterMessage::readRegisterMessage, &RegisterMessage::writeRegisterMessage,
+          registerAttributes>(Knet::pimRegister()),
+    codec<RegisterStopMessage, &RegisterStopMessage::readRegisterStopMessage,
+          &RegisterStopMessage::writeRegisterStopMessage, registerStopAttributes>(Knet::pimRegisterStop()),
     joinPruneCodec(),
+    codec<AssertMessage, &AssertMessage::readAssertMessage, &AssertMessage::writeAssertMessage, assertAttributes>(
+        Knet::pimAssert()),
 };
 
 }  // namespace
