@@ -1,6 +1,8 @@
 #include "PimMessage/Message.h"
 
 #include "PimMessage/AssertMessage.h"
+#include "PimMessage/BootstrapMessage.h"
+#include "PimMessage/CrpAdvMessage.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/RegisterMessage.h"
@@ -135,7 +137,9 @@ Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType) {
   if (pimMessageType == Knet::pimRegister()) return new RegisterMessage;
   if (pimMessageType == Knet::pimRegisterStop()) return new RegisterStopMessage;
   if (pimMessageType == Knet::pimJoinPrune()) return new JoinPruneMessage;
+  if (pimMessageType == Knet::pimBootstrap()) return new BootstrapMessage;
   if (pimMessageType == Knet::pimAssert()) return new AssertMessage;
+  if (pimMessageType == Knet::pimCandidateRpAdvertisement()) return new CrpAdvMessage;
   return new Message(pimMessageType);
 }
 

@@ -2,9 +2,13 @@
 // and compared.
 #include <charconv>
 #include <iomanip>
+#include <limits>
+#include <type_traits>
 #include <sstream>
 
 #include "PimMessage/AssertMessage.h"
+#include "PimMessage/BootstrapMessage.h"
+#include "PimMessage/CrpAdvMessage.h"
 #include "PimMessage/EncodedAddress.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
@@ -58,6 +62,139 @@ void RegisterStopMessage::print(std::ostream& os) const {
   Message::print(os);
   os << " | source=" << source_ << ", group=( address=" << group_ << ", flags=" << groupFlags_ << " )"
      << " outer dst=" << dstIp() << " outer src=" << srcIp();
+}
+
+// ---- Bootstrap ----
+
+std::ostream& operator<<(std::ostream& os, const BootstrapMessage* m) { return os << static_cast<const Message*>(m); }
+
+void BootstrapMessage::print(std::ostream& os) const {
+  Message::print(os);
+  os << " Forward=" << (forward() ? "True" : "False") << ", fragmentTag=" << fragmentTag_
+     << ", hashMaskLen=" << unsigned(hashMaskLen_) << ", bsrPriority=" << unsigned(bsrPriority_)
+     << " | bsrAddress=" << bsrAddress_;
+  if (groupRpData_) os << " | " << groupRpData_.ptr();
+}
+
+std::ostream& operator<<(std::ostream& os, const BootstrapOptionalData* d) {
+  os << " GroupData=[ ";
+  const char* sep = "";
+  for (const auto& [index, group] : d->groupData()) {
+    os << sep << group.ptr();
+    sep = ", ";
+  }
+  return os << " ]";
+}
+
+std::ostream& operator<<(std::ostream& os, const BootstrapGroupData* g) {
+  os << "group=( prefix=" << g->prefix() << ", flags=" << GroupFlags(g->groupFlags())
+     << ", rpCount=" << unsigned(g->rpCount()) << ", fragRpCount=" << unsigned(g->fragRpCount()) << ", RpList=[ ";
+  const char* sep = "";
+  for (const auto& rp : g->rpList()) {
+    os << sep << rp.ptr();
+    sep = ", ";
+  }
+  return os << " ] )";
+}
+
+// The reserved byte is written as one raw character.
+std::ostream& operator<<(std::ostream& os, const BootstrapRpData* r) {
+  return os << "rp=( address=" << r->address() << ", Holdtime=" << r->holdtime()
+            << ", Priority=" << unsigned(r->priority()) << ", reserved=" << static_cast<char>(r->reserved()) << " )";
+}
+
+namespace {
+constexpr std::string_view fragmentKeyPrefix = "Value('Routing::Pim::Packet::BootstrapRpFragmentKey', ** {'prefix': ";
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, const BootstrapRpFragmentKey& k) {
+  return os << fragmentKeyPrefix << k.prefix << ", 'bsrAddress': " << k.bsrAddress
+            << ", 'groupFlags': " << unsigned(k.groupFlags) << ", 'noForward': " << (k.noForward ? "True" : "False")
+            << ", 'fragmentTag': " << k.fragmentTag << ", 'hashMaskLen': " << unsigned(k.hashMaskLen)
+            << ", 'bsrPriority': " << unsigned(k.bsrPriority) << ", 'rpCount': " << unsigned(k.rpCount)
+            << ", 'hash': " << k.hash << "})";
+}
+
+std::string valueToStrep(const BootstrapRpFragmentKey& k) {
+  std::ostringstream os;
+  os << k;
+  return os.str();
+}
+
+std::optional<BootstrapRpFragmentKey> bootstrapRpFragmentKeyFromStrep(std::string_view text) {
+  BootstrapRpFragmentKey k;
+  // Takes `before`, then the text up to `until`.
+  auto field = [&](std::string_view before, std::string_view until, std::string_view& out) {
+    if (!text.starts_with(before)) return false;
+    text.remove_prefix(before.size());
+    const size_t end = text.find(until);
+    if (end == std::string_view::npos) return false;
+    out = text.substr(0, end);
+    text.remove_prefix(end);
+    return true;
+  };
+  auto number = [](std::string_view t, auto& out) {
+    U64 v = 0;
+    auto [p, ec] = std::from_chars(t.data(), t.data() + t.size(), v);
+    if (ec != std::errc() || p != t.data() + t.size() || t.empty() ||
+        v > std::numeric_limits<std::remove_reference_t<decltype(out)>>::max()) {
+      return false;
+    }
+    out = static_cast<std::remove_reference_t<decltype(out)>>(v);
+    return true;
+  };
+  auto address = [](std::string_view t, Knet::IpGenAddr& out) {
+    if (t == "unset") {
+      out = Knet::IpGenAddr();
+      return true;
+    }
+    const auto a = Knet::IpGenAddr::parse(t);
+    if (a) out = *a;
+    return a.has_value();
+  };
+  std::string_view prefix, bsr, flags, noForward, tag, mask, priority, rpCount, hash;
+  if (!field(fragmentKeyPrefix, ", 'bsrAddress': ", prefix) || !field(", 'bsrAddress': ", ", 'groupFlags': ", bsr) ||
+      !field(", 'groupFlags': ", ", 'noForward': ", flags) || !field(", 'noForward': ", ", 'fragmentTag': ", noForward) ||
+      !field(", 'fragmentTag': ", ", 'hashMaskLen': ", tag) || !field(", 'hashMaskLen': ", ", 'bsrPriority': ", mask) ||
+      !field(", 'bsrPriority': ", ", 'rpCount': ", priority) || !field(", 'rpCount': ", ", 'hash': ", rpCount) ||
+      !field(", 'hash': ", "})", hash) || text != "})") {
+    return std::nullopt;
+  }
+  // The prefix: "addr/len", or the empty key's "unset/0".
+  const size_t slash = prefix.rfind('/');
+  Knet::IpGenAddr prefixAddress;
+  U8 length = 0;
+  if (slash == std::string_view::npos || !address(prefix.substr(0, slash), prefixAddress) ||
+      !number(prefix.substr(slash + 1), length) || length > Knet::IpGenPrefix::maxLength(prefixAddress.af())) {
+    return std::nullopt;
+  }
+  k.prefix = Knet::IpGenPrefix(prefixAddress, length);
+  if (noForward != "True" && noForward != "False") return std::nullopt;
+  k.noForward = noForward == "True";
+  if (!address(bsr, k.bsrAddress) || !number(flags, k.groupFlags) || !number(tag, k.fragmentTag) ||
+      !number(mask, k.hashMaskLen) || !number(priority, k.bsrPriority) || !number(rpCount, k.rpCount) ||
+      !number(hash, k.hash)) {
+    return std::nullopt;
+  }
+  return k;
+}
+
+// ---- Candidate-RP Advertisement ----
+
+std::ostream& operator<<(std::ostream& os, const CrpAdvMessage* m) { return os << static_cast<const Message*>(m); }
+
+void CrpAdvMessage::print(std::ostream& os) const {
+  Message::print(os);
+  os << " prefixCount=" << unsigned(prefixCount_) << ", priority=" << unsigned(priority_) << ", holdtime=" << holdtime_
+     << " | rpAddress=" << rpAddress_ << " | GroupData=[ ";
+  if (groupData_) {
+    const char* sep = "";
+    for (const auto& g : groupData_->groupInfo()) {
+      os << sep << g->prefix() << ", groupFlags: " << GroupFlags(g->groupFlags());
+      sep = ", ";
+    }
+  }
+  os << " ]";
 }
 
 // ---- Assert ----
