@@ -3,6 +3,7 @@
 #include <sstream>
 #include <vector>
 
+#include "loom/Exception.h"
 #include "tools/pimio/Capture.h"
 #include "tools/pimio/IpPacket.h"
 #include "tools/pimio/MessageCodec.h"
@@ -88,6 +89,10 @@ Decoded decode(const IpPacket& ip) {
   if (ip.kind == IpPacket::Kind::failed) return Decoded::failure(ip.failure);
   try {
     return decodeMessage(ip);
+  } catch (const Loom::RangeException& e) {
+    // A value out of the library's bounds (a Bootstrap's hash mask length above 128) is the
+    // packet's fault, told in the library's words.
+    return Decoded::failure(e.what());
   } catch (const std::exception& e) {
     return Decoded::failure(kInternal + std::string(e.what()));
   }

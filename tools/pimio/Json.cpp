@@ -89,6 +89,32 @@ bool valueOf(const Json& j, HelloPropagationDelay& out, std::string& error) {
   return true;
 }
 
+// ---- Members of objects ----
+
+bool onlyKnownMembers(const Json& in, std::initializer_list<std::string_view> known, std::string& error) {
+  for (const auto& member : in.items()) {
+    if (std::find(known.begin(), known.end(), member.key()) == known.end()) {
+      error = "unknown member \"" + member.key() + "\"";
+      return false;
+    }
+  }
+  return true;
+}
+
+// A member that must hold an address (not null).
+bool addressMember(const Json& in, const char* name, Knet::IpGenAddr& out, std::string& error) {
+  if (!in.contains(name)) {
+    error = std::string("missing \"") + name + "\"";
+    return false;
+  }
+  if (!valueOf(in.at(name), out, error) || !out.isSet()) {
+    error = std::string(name) + ": expected an IPv4 or IPv6 address, got " + in.at(name).dump();
+    return false;
+  }
+  return true;
+}
+
+
 // ---- Hello ----
 
 namespace {
@@ -175,38 +201,6 @@ Json groupJson(const JoinPruneGroupData& g) {
 }
 
 // Fails on a member of `in` that is not in `known`.
-bool onlyKnownMembers(const Json& in, std::initializer_list<std::string_view> known, std::string& error) {
-  for (const auto& member : in.items()) {
-    if (std::find(known.begin(), known.end(), member.key()) == known.end()) {
-      error = "unknown member \"" + member.key() + "\"";
-      return false;
-    }
-  }
-  return true;
-}
-
-// A member that must hold an address (not null).
-bool addressMember(const Json& in, const char* name, Knet::IpGenAddr& out, std::string& error) {
-  if (!in.contains(name)) {
-    error = std::string("missing \"") + name + "\"";
-    return false;
-  }
-  if (!valueOf(in.at(name), out, error) || !out.isSet()) {
-    error = std::string(name) + ": expected an IPv4 or IPv6 address, got " + in.at(name).dump();
-    return false;
-  }
-  return true;
-}
-
-// A member that may be absent, in which case `out` keeps its value.
-template <class T>
-bool optionalMember(const Json& in, const char* name, T& out, std::string& error) {
-  if (!in.contains(name)) return true;
-  if (valueOf(in.at(name), out, error)) return true;
-  error = std::string(name) + ": " + error;
-  return false;
-}
-
 // The (*,G) entry: null, or {"rp":ADDR,"join":BOOL} ("join" true if absent), with "wcSuppressed"
 // for a periodic message.
 bool starGFromJson(const Json& in, JoinPruneGroupData& g, std::string& error) {

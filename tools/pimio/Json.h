@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <concepts>
+#include <initializer_list>
+#include <string_view>
 #include <limits>
 #include <span>
 #include <string>
@@ -15,6 +17,8 @@
 #include <nlohmann/json.hpp>
 
 #include "PimMessage/AssertMessage.h"
+#include "PimMessage/BootstrapMessage.h"
+#include "PimMessage/CrpAdvMessage.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/RegisterMessage.h"
@@ -45,6 +49,8 @@ Json jsonOf(std::span<const Knet::IpGenAddr> list);
 Json jsonOf(Routing::Pim::Packet::HelloPropagationDelay d);
 Json jsonOf(Routing::Pim::GroupFlags f);
 Json jsonOf(Routing::Pim::Packet::AssertMetricPreference p);
+// A prefix as "addr/len".
+Json jsonOf(const Knet::IpGenPrefix& p);
 // Bytes as lower-case hex digits, and back.
 std::string hexOf(std::span<const U8> bytes);
 bool bytesOfHex(const Json& j, std::vector<U8>& out, std::string& error);
@@ -64,7 +70,23 @@ bool valueOf(const Json& j, Knet::IpGenAddr& out, std::string& error);
 bool valueOf(const Json& j, std::vector<Knet::IpGenAddr>& out, std::string& error);
 bool valueOf(const Json& j, Routing::Pim::Packet::HelloPropagationDelay& out, std::string& error);
 bool valueOf(const Json& j, Routing::Pim::GroupFlags& out, std::string& error);
+bool valueOf(const Json& j, Knet::IpGenPrefix& out, std::string& error);
 bool valueOf(const Json& j, Routing::Pim::Packet::AssertMetricPreference& out, std::string& error);
+
+// ---- Members of the objects inside a line ----
+
+// Fails, saying why, on a member that is not one of `known`.
+bool onlyKnownMembers(const Json& in, std::initializer_list<std::string_view> known, std::string& error);
+// A member that must hold an address (not null).
+bool addressMember(const Json& in, const char* name, Knet::IpGenAddr& out, std::string& error);
+// A member that may be absent, in which case `out` keeps its value.
+template <class T>
+bool optionalMember(const Json& in, const char* name, T& out, std::string& error) {
+  if (!in.contains(name)) return true;
+  if (valueOf(in.at(name), out, error)) return true;
+  error = std::string(name) + ": " + error;
+  return false;
+}
 
 // ---- Attribute tables ----
 
@@ -143,6 +165,15 @@ std::span<const Attribute<Routing::Pim::Packet::JoinPruneMessage>> joinPruneAttr
 // null for a Null-Register). Encoding a data Register takes the inner packet; a Null-Register
 // takes the inner source and group and gets this codec's own dummy header.
 std::span<const Attribute<Routing::Pim::Packet::RegisterMessage>> registerAttributes();
+// The Bootstrap's attributes: the header's reserved byte with the No-Forward bit as its view,
+// the fixed fields, the BSR address and the group ranges, each
+//   {"prefix":"224.0.0.0/4","groupFlags":N,"rpCount":N,"fragRpCount":N,"reserved":N,
+//    "rps":[{"address":ADDR,"holdtime":N,"priority":N,"reserved":N},...]}
+// in wire order ("groups":[] for a message without ranges).
+std::span<const Attribute<Routing::Pim::Packet::BootstrapMessage>> bootstrapAttributes();
+// The Candidate-RP Advertisement's attributes: reserved byte, prefix count, priority, holdtime,
+// RP address and the ranges, each {"prefix":"239.0.0.0/8","groupFlags":N}, in wire order.
+std::span<const Attribute<Routing::Pim::Packet::CrpAdvMessage>> crpAdvAttributes();
 // The Register-Stop's attributes: reserved byte, group, group flags, source.
 std::span<const Attribute<Routing::Pim::Packet::RegisterStopMessage>> registerStopAttributes();
 // The Assert's attributes: reserved byte, group, group flags, source, the RPT bit and metric

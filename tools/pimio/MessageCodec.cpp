@@ -5,6 +5,8 @@
 #include <sstream>
 
 #include "PimMessage/AssertMessage.h"
+#include "PimMessage/BootstrapMessage.h"
+#include "PimMessage/CrpAdvMessage.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/RegisterMessage.h"
@@ -13,6 +15,8 @@ namespace Pimio::Cli {
 
 using Routing::Pim::JoinPruneData;
 using Routing::Pim::Packet::AssertMessage;
+using Routing::Pim::Packet::BootstrapMessage;
+using Routing::Pim::Packet::CrpAdvMessage;
 using Routing::Pim::Packet::HelloMessage;
 using Routing::Pim::Packet::JoinPruneMessage;
 using Routing::Pim::Packet::Message;
@@ -115,8 +119,12 @@ const std::array codecs{
     codec<RegisterStopMessage, &RegisterStopMessage::readRegisterStopMessage,
           &RegisterStopMessage::writeRegisterStopMessage, registerStopAttributes>(Knet::pimRegisterStop()),
     joinPruneCodec(),
+    codec<BootstrapMessage, &BootstrapMessage::readBootstrapMessage, &BootstrapMessage::writeBootstrapMessage,
+          bootstrapAttributes>(Knet::pimBootstrap()),
     codec<AssertMessage, &AssertMessage::readAssertMessage, &AssertMessage::writeAssertMessage, assertAttributes>(
         Knet::pimAssert()),
+    codec<CrpAdvMessage, &CrpAdvMessage::readCrpAdvMessage, &CrpAdvMessage::writeCrpAdvMessage, crpAdvAttributes>(
+        Knet::pimCandidateRpAdvertisement()),
 };
 
 }  // namespace
