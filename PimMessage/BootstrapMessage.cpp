@@ -255,6 +255,7 @@ U32 BootstrapMessage::readGroups(const Loom::Ptr<Knet::Pkt>& pkt, U32 pos, S64& 
       return 0;
     }
     // The RP count of the whole range bounds the list, not the count of this fragment.
+    group->rpListReserve(group->rpCount());
     for (U32 i = 0; i < group->rpCount(); ++i) {
       const U32 rpLen = encRp.readUnicastAddress(pkt, pos);
       if (rpLen == 0) {

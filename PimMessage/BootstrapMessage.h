@@ -18,11 +18,13 @@
 #include "PimData/PimFlags.h"
 #include "PimMessage/Message.h"
 #include "loom/FlatMap.h"
+#include "loom/Pool.h"
 
 namespace Routing::Pim::Packet {
 
-// One candidate RP of a group range.
-class BootstrapRpData : public Loom::Entity {
+// One candidate RP of a group range. A Bootstrap carries up to a few hundred of them, made and
+// freed per packet, so their storage is recycled.
+class BootstrapRpData : public Loom::Entity, public Loom::Pooled<BootstrapRpData> {
  public:
   explicit BootstrapRpData(const Knet::IpGenAddr& address) : address_(address) {}
   const Knet::IpGenAddr& address() const { return address_; }
@@ -57,13 +59,14 @@ class BootstrapRpList {
   BootstrapRpData& findOrAdd(const Knet::IpGenAddr& address);
   bool erase(const Knet::IpGenAddr& address);
   void clear() { rps_.clear(); }
+  void reserve(size_t n) { rps_.reserve(n); }
 
  private:
   std::vector<Loom::Ptr<BootstrapRpData>> rps_;
 };
 
-// One group range with its RPs.
-class BootstrapGroupData : public Loom::Entity {
+// One group range with its RPs; its storage is recycled as the RPs' is.
+class BootstrapGroupData : public Loom::Entity, public Loom::Pooled<BootstrapGroupData> {
  public:
   explicit BootstrapGroupData(const Knet::IpGenPrefix& prefix) : prefix_(prefix) {}
   const Knet::IpGenPrefix& prefix() const { return prefix_; }
@@ -86,6 +89,7 @@ class BootstrapGroupData : public Loom::Entity {
   BootstrapRpData& rpListIs(const Knet::IpGenAddr& address) { return rpList_.findOrAdd(address); }
   void rpListDel(const Knet::IpGenAddr& address) { rpList_.erase(address); }
   void rpListDelAll() { rpList_.clear(); }
+  void rpListReserve(size_t n) { rpList_.reserve(n); }
 
  private:
   Knet::IpGenPrefix prefix_;
