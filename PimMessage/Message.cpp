@@ -3,6 +3,7 @@
 #include "PimMessage/AssertMessage.h"
 #include "PimMessage/BootstrapMessage.h"
 #include "PimMessage/CrpAdvMessage.h"
+#include "PimMessage/DfElectionMessage.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/RegisterMessage.h"
@@ -140,6 +141,7 @@ Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType) {
   if (pimMessageType == Knet::pimBootstrap()) return new BootstrapMessage;
   if (pimMessageType == Knet::pimAssert()) return new AssertMessage;
   if (pimMessageType == Knet::pimCandidateRpAdvertisement()) return new CrpAdvMessage;
+  if (pimMessageType == Knet::pimDfElection()) return new DfElectionMessage;
   return new Message(pimMessageType);
 }
 

@@ -9,6 +9,7 @@
 #include "PimMessage/AssertMessage.h"
 #include "PimMessage/BootstrapMessage.h"
 #include "PimMessage/CrpAdvMessage.h"
+#include "PimMessage/DfElectionMessage.h"
 #include "PimMessage/EncodedAddress.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
@@ -195,6 +196,32 @@ void CrpAdvMessage::print(std::ostream& os) const {
     }
   }
   os << " ]";
+}
+
+// ---- DF election ----
+
+std::ostream& operator<<(std::ostream& os, const DfElectionMessage* m) { return os << static_cast<const Message*>(m); }
+std::ostream& operator<<(std::ostream& os, const DfElectionOfferMessage* m) { return os << static_cast<const Message*>(m); }
+std::ostream& operator<<(std::ostream& os, const DfElectionWinnerMessage* m) { return os << static_cast<const Message*>(m); }
+std::ostream& operator<<(std::ostream& os, const DfElectionBackoffMessage* m) { return os << static_cast<const Message*>(m); }
+std::ostream& operator<<(std::ostream& os, const DfElectionPassMessage* m) { return os << static_cast<const Message*>(m); }
+
+void DfElectionMessage::print(std::ostream& os) const {
+  Message::print(os);
+  os << " | type=" << dfElectionMessageType() << ", rpAddress=" << rpAddress_
+     << ", senderMetricPreference=" << senderMetricPref_.metricPreference << ", senderMetric=" << senderMetricPref_.metric;
+}
+
+void DfElectionBackoffMessage::print(std::ostream& os) const {
+  DfElectionMessage::print(os);
+  os << ", offeringAddress=" << offeringAddress_ << ", offeringMetricPreference=" << offeringMetricPref_.metricPreference
+     << ", offeringMetric=" << offeringMetricPref_.metric << ", interval=" << interval_;
+}
+
+void DfElectionPassMessage::print(std::ostream& os) const {
+  DfElectionMessage::print(os);
+  os << ", winningAddress=" << winningAddress_ << ", winningMetricPreference=" << winningMetricPref_.metricPreference
+     << ", winningMetric=" << winningMetricPref_.metric;
 }
 
 // ---- Assert ----

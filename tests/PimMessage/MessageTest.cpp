@@ -181,7 +181,7 @@ TEST(MessageHeader, WriteNeedsFourBytes) {
 }
 
 TEST(Message, DefaultsAndDerivedValues) {
-  auto m = messageFactory(Knet::pimDfElection());
+  Loom::Ptr<Message> m = new Message(Knet::pimDfElection());
   EXPECT_EQ(m->messageType(), 10);
   EXPECT_EQ(m->messageSubtype(), 255);
   EXPECT_EQ(m->reserved(), 0);
@@ -194,6 +194,35 @@ TEST(Message, DefaultsAndDerivedValues) {
   std::ostringstream os;
   os << m.ptr();
   EXPECT_EQ(os.str(), "type=dfElection");
+}
+
+// The factory makes the class of each type the codec knows, and a plain message for the others.
+TEST(Message, FactoryMakesTheClassOfTheType) {
+  struct Case {
+    Knet::PimMessageType type;
+    const char* text;  // the start of the message's text
+  };
+  const Case cases[] = {
+      {Knet::pimHello(), "type=hello | "},
+      {Knet::pimRegister(), "type=register | null bit=0"},
+      {Knet::pimRegisterStop(), "type=registerStop | source="},
+      {Knet::pimJoinPrune(), ""},  // a Join/Prune without data renders as nothing
+      {Knet::pimBootstrap(), "type=bootstrap Forward=True"},
+      {Knet::pimAssert(), "type=assert | source="},
+      {Knet::pimCandidateRpAdvertisement(), "type=candidateRpAdv prefixCount=0"},
+      {Knet::pimDfElection(), "type=dfElection | type=dfElectionMessageType(0)"},
+      {Knet::PimMessageType(0x26), "type=graft"},
+  };
+  for (const Case& c : cases) {
+    auto m = messageFactory(c.type);
+    EXPECT_EQ(m->pimMessageType(), c.type);
+    std::ostringstream os;
+    os << m.ptr();
+    EXPECT_TRUE(startsWith(os.str(), c.text)) << os.str();
+    if (*c.text == 0) {
+      EXPECT_EQ(os.str(), "");
+    }
+  }
 }
 
 TEST(Message, CodecLogMessagesAreRegistered) {

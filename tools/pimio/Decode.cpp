@@ -77,7 +77,8 @@ Decoded decodeMessage(const IpPacket& ip) {
     d.type = type;
     return d;
   }
-  d.message = d.codec->create();
+  d.message = d.codec->createForReserved ? d.codec->createForReserved(ip.pim.size() > 1 ? ip.pim[1] : 0)
+                                          : d.codec->create();
   d.message->srcIpIs(ip.src);
   d.message->dstIpIs(ip.dst);
   readMessage(d, Knet::pktFactory(ip.pim));

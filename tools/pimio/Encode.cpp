@@ -122,7 +122,7 @@ LineResult encodeLine(const std::string& text) {
 
   Json attributes = line;
   for (const char* member : packetMembers) attributes.erase(member);
-  const Loom::Ptr<Message> message = codec->create();
+  const Loom::Ptr<Message> message = codec->createForLine ? codec->createForLine(attributes) : codec->create();
   if (!codec->fromJson(attributes, *message, error)) return LineResult::failure(error);
   message->srcIpIs(*src);
   message->dstIpIs(*dst);

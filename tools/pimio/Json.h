@@ -19,6 +19,7 @@
 #include "PimMessage/AssertMessage.h"
 #include "PimMessage/BootstrapMessage.h"
 #include "PimMessage/CrpAdvMessage.h"
+#include "PimMessage/DfElectionMessage.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/RegisterMessage.h"
@@ -174,6 +175,13 @@ std::span<const Attribute<Routing::Pim::Packet::BootstrapMessage>> bootstrapAttr
 // The Candidate-RP Advertisement's attributes: reserved byte, prefix count, priority, holdtime,
 // RP address and the ranges, each {"prefix":"239.0.0.0/8","groupFlags":N}, in wire order.
 std::span<const Attribute<Routing::Pim::Packet::CrpAdvMessage>> crpAdvAttributes();
+// The DF election's attributes: the header's reserved byte with the subtype as its view
+// ("dfElectionType":"dfElectionOffer"), the RP address, the sender's metric preference and
+// metric; a Backoff adds the offering router's address, metric preference and metric and the
+// interval, a Pass the winning router's address, metric preference and metric.
+std::span<const Attribute<Routing::Pim::Packet::DfElectionMessage>> dfElectionAttributes();
+std::span<const Attribute<Routing::Pim::Packet::DfElectionBackoffMessage>> dfElectionBackoffAttributes();
+std::span<const Attribute<Routing::Pim::Packet::DfElectionPassMessage>> dfElectionPassAttributes();
 // The Register-Stop's attributes: reserved byte, group, group flags, source.
 std::span<const Attribute<Routing::Pim::Packet::RegisterStopMessage>> registerStopAttributes();
 // The Assert's attributes: reserved byte, group, group flags, source, the RPT bit and metric

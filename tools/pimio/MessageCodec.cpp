@@ -7,6 +7,7 @@
 #include "PimMessage/AssertMessage.h"
 #include "PimMessage/BootstrapMessage.h"
 #include "PimMessage/CrpAdvMessage.h"
+#include "PimMessage/DfElectionMessage.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/RegisterMessage.h"
@@ -17,6 +18,11 @@ using Routing::Pim::JoinPruneData;
 using Routing::Pim::Packet::AssertMessage;
 using Routing::Pim::Packet::BootstrapMessage;
 using Routing::Pim::Packet::CrpAdvMessage;
+using Routing::Pim::Packet::DfElectionBackoffMessage;
+using Routing::Pim::Packet::DfElectionMessage;
+using Routing::Pim::Packet::DfElectionOfferMessage;
+using Routing::Pim::Packet::DfElectionPassMessage;
+using Routing::Pim::Packet::DfElectionWinnerMessage;
 using Routing::Pim::Packet::HelloMessage;
 using Routing::Pim::Packet::JoinPruneMessage;
 using Routing::Pim::Packet::Message;
@@ -111,6 +117,86 @@ MessageCodec joinPruneCodec() {
   return c;
 }
 
+// ---- DF election ----
+
+// The class of a subtype; a subtype without one reads and writes the common part only.
+Loom::Ptr<Message> dfElectionFor(U8 reserved) {
+  switch (reserved >> 4) {
+    case 1: return new DfElectionOfferMessage;
+    case 2: return new DfElectionWinnerMessage;
+    case 3: return new DfElectionBackoffMessage;
+    case 4: return new DfElectionPassMessage;
+    default: {
+      Loom::Ptr<DfElectionMessage> m = new DfElectionMessage;
+      m->reservedIs(reserved);
+      return m;
+    }
+  }
+}
+
+// A line names its subtype with "reserved" or, when that is absent, with "dfElectionType".
+Loom::Ptr<Message> dfElectionForLine(const Json& in) {
+  if (in.contains("reserved") && in["reserved"].is_number_unsigned() && in["reserved"].get<U64>() <= 0xff) {
+    return dfElectionFor(static_cast<U8>(in["reserved"].get<U64>()));
+  }
+  if (in.contains("dfElectionType") && in["dfElectionType"].is_string()) {
+    if (const auto t = Routing::Pim::Packet::dfElectionMessageTypeInstance(in["dfElectionType"].get<std::string>())) {
+      return dfElectionFor(static_cast<U8>(static_cast<U8>(*t) << 4));
+    }
+  }
+  return new DfElectionMessage;
+}
+
+// Each class reads and writes with its own operations and has its own attribute table.
+U32 readDfElection(Message& m, PktPtr pkt) {
+  if (auto* o = dynamic_cast<DfElectionOfferMessage*>(&m)) return o->readDfElectionOfferMessage(pkt, 0);
+  if (auto* w = dynamic_cast<DfElectionWinnerMessage*>(&m)) return w->readDfElectionWinnerMessage(pkt, 0);
+  if (auto* b = dynamic_cast<DfElectionBackoffMessage*>(&m)) return b->readDfElectionBackoffMessage(pkt, 0);
+  if (auto* p = dynamic_cast<DfElectionPassMessage*>(&m)) return p->readDfElectionPassMessage(pkt, 0);
+  return static_cast<DfElectionMessage&>(m).readDfElectionMessage(pkt, 0);
+}
+
+U32 writeDfElection(Message& m, PktPtr pkt) {
+  if (auto* o = dynamic_cast<DfElectionOfferMessage*>(&m)) return o->writeDfElectionOfferMessage(pkt, 0);
+  if (auto* w = dynamic_cast<DfElectionWinnerMessage*>(&m)) return w->writeDfElectionWinnerMessage(pkt, 0);
+  if (auto* b = dynamic_cast<DfElectionBackoffMessage*>(&m)) return b->writeDfElectionBackoffMessage(pkt, 0);
+  if (auto* p = dynamic_cast<DfElectionPassMessage*>(&m)) return p->writeDfElectionPassMessage(pkt, 0);
+  return static_cast<DfElectionMessage&>(m).writeDfElectionMessage(pkt, 0);
+}
+
+MessageCodec dfElectionCodec() {
+  return {
+      Knet::pimDfElection(),
+      []() -> Loom::Ptr<Message> { return new DfElectionMessage; },
+      readDfElection,
+      writeDfElection,
+      [](const Message& m, Json& out) {
+        if (auto* b = dynamic_cast<const DfElectionBackoffMessage*>(&m)) {
+          attributesToJson(dfElectionBackoffAttributes(), *b, out);
+        } else if (auto* p = dynamic_cast<const DfElectionPassMessage*>(&m)) {
+          attributesToJson(dfElectionPassAttributes(), *p, out);
+        } else {
+          attributesToJson(dfElectionAttributes(), static_cast<const DfElectionMessage&>(m), out);
+        }
+      },
+      [](const Json& in, Message& m, std::string& error) {
+        if (auto* b = dynamic_cast<DfElectionBackoffMessage*>(&m)) {
+          return attributesFromJson(dfElectionBackoffAttributes(), in, *b, error);
+        }
+        if (auto* p = dynamic_cast<DfElectionPassMessage*>(&m)) {
+          return attributesFromJson(dfElectionPassAttributes(), in, *p, error);
+        }
+        return attributesFromJson(dfElectionAttributes(), in, static_cast<DfElectionMessage&>(m), error);
+      },
+      nullptr,
+      nullptr,
+      nullptr,
+      {},
+      dfElectionFor,
+      dfElectionForLine,
+  };
+}
+
 const std::array codecs{
     codec<HelloMessage, &HelloMessage::readHelloMessage, &HelloMessage::writeHelloMessage, helloAttributes>(
         Knet::pimHello()),
@@ -125,6 +211,7 @@ const std::array codecs{
         Knet::pimAssert()),
     codec<CrpAdvMessage, &CrpAdvMessage::readCrpAdvMessage, &CrpAdvMessage::writeCrpAdvMessage, crpAdvAttributes>(
         Knet::pimCandidateRpAdvertisement()),
+    dfElectionCodec(),
 };
 
 }  // namespace

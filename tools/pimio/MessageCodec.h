@@ -38,6 +38,11 @@ struct MessageCodec {
   bool (*more)(const Routing::Pim::Packet::Message&, std::string& where) = nullptr;
   // The failure text with which a write after the first says that nothing was left to write.
   std::string_view drained = {};
+  // The message class depends on what the header's reserved byte holds (DF election: the
+  // subtype). The message to read a packet with that byte into, and the message to encode a line
+  // into.
+  Loom::Ptr<Routing::Pim::Packet::Message> (*createForReserved)(U8 reserved) = nullptr;
+  Loom::Ptr<Routing::Pim::Packet::Message> (*createForLine)(const Json& attributes) = nullptr;
 
   // The name of the type in JSON lines ("hello").
   const char* name() const { return type.name(); }
