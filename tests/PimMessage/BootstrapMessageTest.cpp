@@ -349,25 +349,6 @@ TEST(Bootstrap, GroupQueueKeepsPositions) {
   EXPECT_EQ(d->groupDataDeq(), nullptr);
 }
 
-TEST(Bootstrap, Rendering) {
-  auto m = message();
-  ASSERT_EQ(m->readBootstrapMessage(pkt(bootstrap(body4)), 0), bootstrap(body4).size());
-  std::ostringstream os;
-  os << m.ptr();
-  EXPECT_EQ(os.str(),
-            "type=bootstrap Forward=True, fragmentTag=4660, hashMaskLen=30, bsrPriority=64 | bsrAddress=10.0.0.1 |  "
-            "GroupData=[ group=( prefix=224.0.0.0/4, flags=0x00, rpCount=2, fragRpCount=2, RpList=[ "
-            "rp=( address=10.0.0.2, Holdtime=150, Priority=192, reserved=" + std::string(1, '\0') + " ), "
-            "rp=( address=10.0.0.3, Holdtime=150, Priority=1, reserved=" + std::string(1, '\0') + " ) ] ), "
-            "group=( prefix=239.0.0.0/8, flags=0x00, rpCount=1, fragRpCount=1, RpList=[ "
-            "rp=( address=10.0.0.2, Holdtime=150, Priority=192, reserved=" + std::string(1, '\0') + " ) ] ) ]");
-  std::ostringstream bare;
-  auto empty = message();
-  empty->noForwardIs(true);
-  bare << empty.ptr();
-  EXPECT_EQ(bare.str(), "type=bootstrap Forward=False, fragmentTag=0, hashMaskLen=0, bsrPriority=0 | bsrAddress=unset");
-}
-
 // ---- The fragment key ----
 
 BootstrapRpFragmentKey randomKey(std::mt19937& rng) {

@@ -228,16 +228,5 @@ TEST(CrpAdv, WriteFailures) {
   }
 }
 
-TEST(CrpAdv, Rendering) {
-  auto m = built(2, "10.0.0.5", {{"224.0.0.0/4", 0}, {"239.255.0.0/16", 0x80}});
-  m->priorityIs(192);
-  m->holdtimeIs(150);
-  std::ostringstream os;
-  os << m.ptr();
-  EXPECT_EQ(os.str(),
-            "type=candidateRpAdv prefixCount=2, priority=192, holdtime=150 | rpAddress=10.0.0.5 | GroupData=[ "
-            "224.0.0.0/4, groupFlags: 0x00, 239.255.0.0/16, groupFlags: 0x80(B) ]");
-}
-
 }  // namespace
 }  // namespace Routing::Pim::Packet

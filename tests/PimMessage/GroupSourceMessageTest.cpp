@@ -264,34 +264,5 @@ TEST(Assert, MetricPreferenceFromText) {
   EXPECT_EQ(valueToStrep(AssertMetricPreference(101)), "101");
 }
 
-TEST(Assert, Rendering) {
-  auto m = assertMessageFactory();
-  m->srcIpIs(v4Src);
-  m->dstIpIs(v4Dst);
-  m->groupIs(ip("239.1.2.3"));
-  m->groupFlagsIs(GroupFlags(0x80));
-  m->sourceIs(ip("10.66.0.2"));
-  m->rptIs(true);
-  m->metricPreferenceIs(AssertMetricPreference(101));
-  m->metricIs(20);
-  std::ostringstream os;
-  os << m.ptr();
-  EXPECT_EQ(os.str(),
-            "type=assert | source=10.66.0.2, group=( address=239.1.2.3, flags=0x80(B) ), rpt=1, preference=101, metric=20");
-}
-
-TEST(RegisterStop, Rendering) {
-  auto m = registerStopMessageFactory();
-  m->srcIpIs(v4Src);
-  m->dstIpIs(v4Dst);
-  m->groupIs(ip("239.1.2.3"));
-  m->sourceIs(ip("10.66.0.2"));
-  std::ostringstream os;
-  os << m.ptr();
-  EXPECT_EQ(os.str(),
-            "type=registerStop | source=10.66.0.2, group=( address=239.1.2.3, flags=0x00 ) outer dst=10.99.0.2 "
-            "outer src=10.99.0.1");
-}
-
 }  // namespace
 }  // namespace Routing::Pim::Packet

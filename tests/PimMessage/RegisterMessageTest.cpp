@@ -360,26 +360,6 @@ TEST(Register, FlagsWordSubtypeAndNotification) {
   EXPECT_EQ(counter.calls, 4);
 }
 
-TEST(Register, Rendering) {
-  auto m = message();
-  m->implRegisterFlagsU32Is(0xc0000000);
-  m->encapsulatedSrcIs(ip("10.66.0.2"));
-  m->encapsulatedDstIs(ip("239.1.2.3"));
-  std::ostringstream os;
-  os << m.ptr();
-  EXPECT_EQ(os.str(),
-            "type=register | null bit=1, border bit=1 | Encapsulated src=10.66.0.2 dst=239.1.2.3 "
-            "outer dst=10.99.0.1 outer src=10.99.0.2");
-  struct Case {
-    U32 flags;
-    const char* text;
-  };
-  for (const Case& c : {Case{0, "0x00000000"}, Case{0x40000000, "0x40000000(N)"}, Case{0x80000001, "0x80000001(B)"},
-                        Case{0xc0000000, "0xc0000000(B,N)"}}) {
-    EXPECT_EQ(valueToStrep(RegisterImplFlags(c.flags)), c.text);
-  }
-}
-
 TEST(Register, TracesBothDummyHeaders) {
   auto m = message();
   m->nullFlagIs(true);
