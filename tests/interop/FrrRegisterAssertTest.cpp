@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -64,6 +65,16 @@ class FrrRegisterAssert : public ::testing::Test {
 
   std::filesystem::path dir_;
 };
+
+// The packets of each type, printed for the record and returned.
+std::map<std::string, int> countsByType(const std::vector<Json>& lines, const std::string& what) {
+  std::map<std::string, int> counts;
+  for (const Json& l : lines) ++counts[l.value("type", std::string("failed"))];
+  std::cout << "[ COUNTS   ] " << what << ":";
+  for (const auto& [type, n] : counts) std::cout << " " << type << " " << n;
+  std::cout << std::endl;
+  return counts;
+}
 
 std::vector<Json> ofType(const std::vector<Json>& lines, const std::string& type) {
   std::vector<Json> out;
@@ -159,6 +170,8 @@ TEST_F(FrrRegisterAssert, LiveRegistersDecodeWithoutFailure) {
     GTEST_SKIP() << "needs " << missing << " (install frr, tcpdump and python3, run as root)";
   }
   const std::vector<Json> lines = capture("register", 13);
+  const std::map<std::string, int> counts = countsByType(lines, "live register lab");
+  EXPECT_EQ(counts.count("failed"), 0u);
   const auto [data, null] = expectRegisters(lines, "10.66.0.2");
   EXPECT_GE(data, 1) << "pimd sent no data Register";
 }
@@ -168,7 +181,13 @@ TEST_F(FrrRegisterAssert, LiveAssertsDecodeWithoutFailure) {
     if (PimioTest::underCi()) FAIL() << "needs " << missing;
     GTEST_SKIP() << "needs " << missing << " (install frr, tcpdump and python3, run as root)";
   }
-  expectAsserts(capture("assert", 10));
+  // Four routers, a source and receivers: besides the Asserts, pimd sends Hellos, Join/Prunes,
+  // and Registers that the RP stops.
+  const std::vector<Json> lines = capture("assert", 10);
+  const std::map<std::string, int> counts = countsByType(lines, "live assert lab");
+  EXPECT_EQ(counts.count("failed"), 0u);
+  for (const char* type : {"hello", "joinPrune"}) EXPECT_GE(counts.count(type), 1u) << "no " << type;
+  expectAsserts(lines);
 }
 
 }  // namespace
