@@ -196,17 +196,23 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
       }
     }
     const Knet::IpGenAddr& groupAddr = groupRead.address;
-    JoinPruneGroupData& group = data->joinPruneGroupDataIs(groupAddr);
-    group.groupFlagsIs(groupRead.flags.value());
-
+    const bool groupBidir = groupRead.flags.bidir();
     if (!filtered && intfBoundary && intfBoundary->filtered(groupAddr)) {
       PIM_TRACE(traceFilter, kGroupBoundary << groupAddr);
       filtered = true;
-    } else if (!filtered && group.bidir() != bidir_) {
-      PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << group.bidir()
+    } else if (!filtered && groupBidir != bidir_) {
+      PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << groupBidir
                                           << " Msg Bidirectional Support: " << bidir_);
       filtered = true;
     }
+    // A group that comes again in the same message adds its entries to the group read before,
+    // under the same conflict rules as if they had come in one record. A repeated record that is
+    // filtered is read aside and dropped, leaving the earlier record's entries as they are.
+    JoinPruneGroupData* const earlier = data->joinPruneGroupData(groupAddr);
+    std::optional<JoinPruneGroupData> aside;
+    if (earlier && filtered) aside.emplace(groupAddr);
+    JoinPruneGroupData& group = aside ? *aside : earlier ? *earlier : data->joinPruneGroupDataIs(groupAddr);
+    if (!earlier) group.groupFlagsIs(groupRead.flags.value());
 
     pos += groupLen;
     remaining -= groupLen;
@@ -222,8 +228,6 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     group.joinedSourceReserve(numJoined);
     group.prunedSourceReserve(numPruned);
 
-    bool starGJoin = false;
-    bool starGPrune = false;
     for (U32 i = 0; i < U32(numJoined) + numPruned; ++i) {
       const bool join = i < numJoined;
       SourceAddress source;
@@ -256,24 +260,44 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
         PIM_TRACE(traceError, kWcWithoutRpt);
         continue;
       }
+      // The group's (*,G) entry so far. Within one record the joins come before the prunes, so
+      // the checks of a join against prunes only bite when a group comes again.
+      const auto& wc = group.wcSourceData();
+      const bool starGJoin = wc && wc->join;
+      const bool starGPrune = wc && !wc->join;
       if (join) {
         if (flags.isStarG()) {
-          if (const auto& old = group.wcSourceData()) {
-            PIM_TRACE(traceError, kMultipleStarG << old->rp << "] and using [RP: " << s << "]");
+          if (starGPrune) {
+            PIM_TRACE(traceError, kStarGJoinAndPrune << s << "] and using (*,G) prune [RP: " << wc->rp << "]");
+            ++report.suppressed;
+            continue;
+          }
+          if (wc) {
+            PIM_TRACE(traceError, kMultipleStarG << wc->rp << "] and using [RP: " << s << "]");
             ++report.suppressed;
           }
           group.wcSourceDataIs(s, true);
           // A (*,G) join covers every (S,G,rpt) join of the group.
           report.suppressed += static_cast<U32>(group.joinedRptSources());
           group.joinedRptSourceDelAll();
-          starGJoin = true;
         } else if (flags.isSgRpt()) {
-          if (starGJoin) {
+          if (starGJoin || starGPrune) {
+            ++report.suppressed;
+          } else if (group.prunedRptSourceHas(s)) {
+            PIM_TRACE(traceError, kSource << s << kBothSgRpt);
             ++report.suppressed;
           } else {
             group.joinedRptSourceIs(s);
           }
+        } else if (group.prunedSource().contains(s)) {
+          PIM_TRACE(traceError, kSource << s << kBothSg);
+          ++report.suppressed;
         } else {
+          if (group.prunedRptSourceHas(s)) {
+            PIM_TRACE(traceError, kSource << s << kBothSgAndSgRpt);
+            ++report.suppressed;
+            group.prunedRptSourceDel(s);
+          }
           group.joinedSourceIs(s);
         }
         continue;
@@ -288,7 +312,6 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
         report.suppressed += static_cast<U32>(group.prunedRptSources() + group.joinedRptSources());
         group.prunedRptSourceDelAll();
         group.joinedRptSourceDelAll();
-        starGPrune = true;
       } else if (flags.isSgRpt()) {
         if (starGPrune) {
           ++report.suppressed;
@@ -313,18 +336,19 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
       }
     }
 
-    if (group.empty()) {
+    const U32 routes = group.routes();
+    if (routes == 0) {
       PIM_TRACE(traceError, kZeroSources << groupAddr);
       filtered = true;
     }
     if (filtered) {
-      report.filtered += group.routes();
-      data->joinPruneGroupDataDel(groupAddr);
-    } else {
-      report.processed += group.routes();
-      ++validGroups;
+      report.filtered += routes;
+      if (!earlier) data->joinPruneGroupDataDel(groupAddr);
     }
   }
+  // What was kept is what the tree holds, however often its groups came.
+  validGroups = static_cast<U32>(data->joinPruneGroupData().size());
+  for (const auto& [address, group] : data->joinPruneGroupData()) report.processed += group->routes();
 
   report_ = report;
   joinPruneData_ = data;

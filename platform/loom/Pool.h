@@ -13,56 +13,60 @@ class Pooled {
  public:
   static void* operator new(size_t size) {
     static_assert(sizeof(Block) <= sizeof(T));
-    if (size == sizeof(T) && !listGone()) {
-      if (void* p = freeList().pop()) return p;
+    if (size == sizeof(T)) {
+      FreeList& l = list_;
+      if (Block* b = l.head) {
+        l.head = b->next;
+        --l.size;
+        return b;
+      }
     }
     return ::operator new(size);
   }
   static void operator delete(void* p, size_t size) noexcept {
     if (p == nullptr) return;
-    if (size == sizeof(T) && !listGone() && freeList().push(p)) return;
+    FreeList& l = list_;
+    if (size == sizeof(T) && l.size < MaxFree && !l.gone) {
+      if (!l.reaperArmed) {
+        l.reaperArmed = true;
+        reaper_.arm();
+      }
+      l.head = new (p) Block{l.head};
+      ++l.size;
+      return;
+    }
     ::operator delete(p);
   }
 
   // Blocks waiting on this thread's list.
-  static size_t pooledFree() { return listGone() ? 0 : freeList().size; }
+  static size_t pooledFree() { return list_.size; }
 
  private:
   struct Block {
     Block* next;
   };
+  // Trivially destructible and constant-initialised, so that reaching it costs no guard; the
+  // reaper gives its blocks back at thread exit.
   struct FreeList {
     Block* head = nullptr;
     size_t size = 0;
-    void* pop() {
-      Block* b = head;
-      if (b) {
-        head = b->next;
-        --size;
+    bool reaperArmed = false;
+    bool gone = false;  // the thread is exiting: blocks freed from now on go back to malloc
+  };
+  struct Reaper {
+    void arm() {}
+    ~Reaper() {
+      FreeList& l = list_;
+      while (Block* b = l.head) {
+        l.head = b->next;
+        ::operator delete(b);
       }
-      return b;
-    }
-    bool push(void* p) {
-      if (size >= MaxFree) return false;
-      head = new (p) Block{head};
-      ++size;
-      return true;
-    }
-    ~FreeList() {
-      while (void* p = pop()) ::operator delete(p);
-      listGone() = true;
+      l.size = 0;
+      l.gone = true;
     }
   };
-  // Set once the thread's list is destroyed at thread exit: objects freed later (by other
-  // thread-local or static destructors) go straight back to malloc.
-  static bool& listGone() {
-    static thread_local bool gone = false;
-    return gone;
-  }
-  static FreeList& freeList() {
-    static thread_local FreeList list;
-    return list;
-  }
+  static inline thread_local constinit FreeList list_{};
+  static inline thread_local Reaper reaper_;
 };
 
 }  // namespace Loom
