@@ -25,11 +25,6 @@ JoinPruneGroupData& JoinPruneData::joinPruneGroupDataIs(const Knet::IpGenAddr& g
   return *groups_.findOrInsert(group, [&] { return Loom::Ptr<JoinPruneGroupData>(new JoinPruneGroupData(group)); });
 }
 
-JoinPruneGroupData* JoinPruneData::joinPruneGroupData(const Knet::IpGenAddr& group) {
-  auto it = groups_.find(group);
-  return it == groups_.end() ? nullptr : it->second.ptr();
-}
-
 U32 JoinPruneData::routes() const {
   U32 n = 0;
   for (const auto& [group, data] : groups_) n += data->routes();

@@ -173,7 +173,10 @@ class JoinPruneData : public Loom::Entity {
   Groups& joinPruneGroupData() { return groups_; }
   // The group's entry, made if it is new.
   JoinPruneGroupData& joinPruneGroupDataIs(const Knet::IpGenAddr& group);
-  JoinPruneGroupData* joinPruneGroupData(const Knet::IpGenAddr& group);
+  JoinPruneGroupData* joinPruneGroupData(const Knet::IpGenAddr& group) {
+    auto it = groups_.find(group);
+    return it == groups_.end() ? nullptr : it->second.ptr();
+  }
   void joinPruneGroupDataDel(const Knet::IpGenAddr& group) { groups_.erase(group); }
   void joinPruneGroupDataDelAll() { groups_.clear(); }
 

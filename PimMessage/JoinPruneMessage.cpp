@@ -209,8 +209,8 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     // under the same conflict rules as if they had come in one record. A repeated record that is
     // filtered is read aside and dropped, leaving the earlier record's entries as they are.
     JoinPruneGroupData* const earlier = data->joinPruneGroupData(groupAddr);
-    std::optional<JoinPruneGroupData> aside;
-    if (earlier && filtered) aside.emplace(groupAddr);
+    Loom::Ptr<JoinPruneGroupData> aside;
+    if (earlier && filtered) aside = new JoinPruneGroupData(groupAddr);
     JoinPruneGroupData& group = aside ? *aside : earlier ? *earlier : data->joinPruneGroupDataIs(groupAddr);
     if (!earlier) group.groupFlagsIs(groupRead.flags.value());
 

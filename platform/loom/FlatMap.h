@@ -112,11 +112,14 @@ class FlatMap {
   const_iterator end() const { return items_.end(); }
   void reserve(size_t n) { items_.reserve(n); }
 
+  // A key beyond the last (the next one of a sorted sender) is told absent without a search.
   const_iterator find(const K& k) const {
+    if (items_.empty() || items_.back().first < k) return items_.end();
     auto it = lowerBound(k);
     return it != items_.end() && it->first == k ? it : items_.end();
   }
   iterator find(const K& k) {
+    if (items_.empty() || items_.back().first < k) return items_.end();
     auto it = lowerBound(k);
     return it != items_.end() && it->first == k ? it : items_.end();
   }
