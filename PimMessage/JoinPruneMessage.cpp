@@ -213,6 +213,8 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     if (earlier && filtered) aside = new JoinPruneGroupData(groupAddr);
     JoinPruneGroupData& group = aside ? *aside : earlier ? *earlier : data->joinPruneGroupDataIs(groupAddr);
     if (!earlier) group.groupFlagsIs(groupRead.flags.value());
+    // What the group held before this record: a repeat counts only what it changed.
+    const U32 routesBefore = earlier && !aside ? earlier->routes() : 0;
 
     pos += groupLen;
     remaining -= groupLen;
@@ -344,11 +346,12 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     if (filtered) {
       report.filtered += routes;
       if (!earlier) data->joinPruneGroupDataDel(groupAddr);
+    } else {
+      // Modulo 2^32, a repeat that removed entries of the earlier record takes them back off.
+      report.processed += routes - routesBefore;
+      if (!earlier) ++validGroups;
     }
   }
-  // What was kept is what the tree holds, however often its groups came.
-  validGroups = static_cast<U32>(data->joinPruneGroupData().size());
-  for (const auto& [address, group] : data->joinPruneGroupData()) report.processed += group->routes();
 
   report_ = report;
   joinPruneData_ = data;

@@ -45,7 +45,9 @@ class SmallVector {
     }
     return *this;
   }
-  ~SmallVector() { release(); }
+  ~SmallVector() {
+    if (onHeap()) ::operator delete(data_);
+  }
 
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
