@@ -149,7 +149,8 @@ U32 RegisterMessage::readInner(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, U32 
       if (null) {
         PIM_TRACE(traceError, kNullLength << total << " Remaining: " << dataLength);
       } else {
-        PIM_TRACE(traceError, kDataLength << dataLength << " Expected: " << std::max<U32>(total, Knet::IpHdr::minSize));
+        // The total length when the header holds it, else the least a header takes.
+        PIM_TRACE(traceError, kDataLength << dataLength << " Expected: " << (dataLength >= 4 ? total : Knet::IpHdr::minSize));
       }
       return 0;
     }

@@ -224,6 +224,9 @@ TEST(Register, ReadRejectTable) {
        "Invalid Pim Register - Null Register - Invalid Inner Ip Length - Length: 0 Remaining: 0"},
       {"data, inner header cut", false, registerOf(dataFlags, Bytes(innerV4.begin(), innerV4.begin() + 12)),
        "Invalid Pim Register - Encapsulated Data Length - Remaining: 12 Expected: 33"},
+      {"data, inner header cut, its total length below a header's", false,
+       registerOf(dataFlags, Bytes{0x45, 0x00, 0x00, 0x10, 0, 0, 0, 0, 0, 0}),
+       "Invalid Pim Register - Encapsulated Data Length - Remaining: 10 Expected: 16"},
       {"null ipv6, inner header cut", true, registerOf(nullFlags, Bytes(dummyV6.begin(), dummyV6.begin() + 8), true),
        "Invalid Pim Register - Null Register - Invalid Inner Ip6 Length - Length: 40 Remaining: 8"},
   };
