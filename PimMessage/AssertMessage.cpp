@@ -1,11 +1,7 @@
 #include "PimMessage/AssertMessage.h"
 
-#include <charconv>
-#include <stdexcept>
-
 #include "PimMessage/GroupSourceCodec.h"
 #include "knet/Cursor.h"
-#include "loom/Exception.h"
 
 namespace Routing::Pim::Packet {
 namespace {
@@ -36,16 +32,9 @@ constexpr const char* kWriteHeader = "Invalid Pim Assert - Header - Write Error"
 }  // namespace
 
 AssertMetricPreference AssertMetricPreference::fromString(std::string_view text) {
-  unsigned long long v = 0;
-  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
-  if (ec == std::errc::result_out_of_range || (ec == std::errc() && v > max)) {
-    throw Loom::RangeException(
-        "AssertMetricPreference::value < AssertMetricPreference::min or > AssertMetricPreference::max not allowed");
-  }
-  if (ec != std::errc() || p != text.data() + text.size()) {
-    throw std::invalid_argument("AssertMetricPreference: not a number: " + std::string(text));
-  }
-  return AssertMetricPreference(static_cast<U32>(v));
+  return AssertMetricPreference(static_cast<U32>(boundedValueFromString(
+      text, max, "AssertMetricPreference::value < AssertMetricPreference::min or > AssertMetricPreference::max not allowed",
+      "AssertMetricPreference")));
 }
 
 AssertMessage::AssertMessage() : Message(Knet::pimAssert()) {}

@@ -119,16 +119,9 @@ constexpr Knet::AddressFamily familyOf(U16 wire) {
 // ---- HelloPropagationDelay ----
 
 HelloPropagationDelay HelloPropagationDelay::fromString(std::string_view text) {
-  unsigned long v = 0;
-  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
-  if (ec == std::errc::result_out_of_range || (ec == std::errc() && v > max)) {
-    throw Loom::RangeException(
-        "HelloPropagationDelay::value < HelloPropagationDelay::min or > HelloPropagationDelay::max not allowed");
-  }
-  if (ec != std::errc() || p != text.data() + text.size()) {
-    throw std::invalid_argument("HelloPropagationDelay: not a number: " + std::string(text));
-  }
-  return HelloPropagationDelay(static_cast<U16>(v));
+  return HelloPropagationDelay(static_cast<U16>(boundedValueFromString(
+      text, max, "HelloPropagationDelay::value < HelloPropagationDelay::min or > HelloPropagationDelay::max not allowed",
+      "HelloPropagationDelay")));
 }
 
 // ---- HelloMessage ----

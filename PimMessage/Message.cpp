@@ -1,5 +1,9 @@
 #include "PimMessage/Message.h"
 
+#include <charconv>
+#include <stdexcept>
+#include <string>
+
 #include "PimMessage/AssertMessage.h"
 #include "PimMessage/BootstrapMessage.h"
 #include "PimMessage/CrpAdvMessage.h"
@@ -8,6 +12,7 @@
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/RegisterMessage.h"
 #include "knet/PimHdr.h"
+#include "loom/Exception.h"
 
 namespace Routing::Pim::Packet {
 
@@ -131,6 +136,16 @@ U32 Message::writeHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
                                        << pimMessageType_.name() << ") reserved=" << unsigned(reserved_)
                                        << " checksum=" << checksum << " length=" << length_ << ">");
   return 4;
+}
+
+U64 boundedValueFromString(std::string_view text, U64 max, const char* rangeText, const char* type) {
+  U64 v = 0;
+  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (ec == std::errc::result_out_of_range || (ec == std::errc() && v > max)) throw Loom::RangeException(rangeText);
+  if (ec != std::errc() || p != text.data() + text.size()) {
+    throw std::invalid_argument(std::string(type) + ": not a number: " + std::string(text));
+  }
+  return v;
 }
 
 Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType) {

@@ -6,6 +6,7 @@
 // or write, and return the number of bytes read or written; 0 means failure. Each failure is
 // traced once at level 1 under the unit "PimMessage" with a fixed text and the offending value.
 #include <ostream>
+#include <string_view>
 
 #include "knet/Address.h"
 #include "knet/Pkt.h"
@@ -74,6 +75,10 @@ class Message : public Loom::Entity {
 };
 
 Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType);
+
+// A value type's decimal text form: a value above `max` raises Loom::RangeException with
+// `rangeText`; anything that is not a number raises std::invalid_argument naming `type`.
+U64 boundedValueFromString(std::string_view text, U64 max, const char* rangeText, const char* type);
 
 std::ostream& operator<<(std::ostream& os, const Message* m);
 

@@ -22,11 +22,6 @@ const Knet::IpGenAddr v4Dst = ip("224.0.0.13");
 const Knet::IpGenAddr v6Src = ip("fe80::1");
 const Knet::IpGenAddr v6Dst = ip("ff02::d");
 
-Bytes concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 
 Bytes unicast4(U8 last) { return {0x01, 0x00, 10, 0, 0, last}; }
 Bytes group4(U8 first, U8 mask, U8 flags = 0) { return {0x01, 0x00, flags, mask, first, 0, 0, 0}; }

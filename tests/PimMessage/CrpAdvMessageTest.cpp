@@ -18,11 +18,6 @@ const Knet::IpGenAddr v4Dst = ip("10.0.0.1");
 const Knet::IpGenAddr v6Src = ip("2001:db8::5");
 const Knet::IpGenAddr v6Dst = ip("2001:db8::1");
 
-Bytes concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 
 Bytes encoded(const char* a, U8 flags, U8 mask, bool group) {
   const Knet::IpGenAddr x = ip(a);

@@ -17,11 +17,6 @@ const Knet::IpGenAddr v4Dst = ip("224.0.0.13");
 const Knet::IpGenAddr v6Src = ip("fe80::2");
 const Knet::IpGenAddr v6Dst = ip("ff02::d");
 
-Bytes concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 
 Bytes unicast(const char* a) {
   const Knet::IpGenAddr x = ip(a);

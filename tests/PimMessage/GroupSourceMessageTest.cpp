@@ -19,11 +19,6 @@ const Knet::IpGenAddr v4Dst = ip("10.99.0.2");
 const Knet::IpGenAddr v6Src = ip("fe80::1");
 const Knet::IpGenAddr v6Dst = ip("ff02::d");
 
-Bytes concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 
 const Bytes groupV4 = {0x01, 0x00, 0x00, 0x20, 0xef, 0x01, 0x02, 0x03};  // 239.1.2.3/32, no flags
 const Bytes sourceV4 = {0x01, 0x00, 0x0a, 0x42, 0x00, 0x02};            // 10.66.0.2

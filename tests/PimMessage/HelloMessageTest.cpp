@@ -66,11 +66,6 @@ U32 readV4(Bytes b, Loom::Ptr<HelloMessage>* out = nullptr, bool fix = true) {
   return n;
 }
 
-Bytes concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (auto& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 
 const Bytes header = {0x20, 0x00, 0x00, 0x00};
 const Bytes holdtime105 = {0x00, 0x01, 0x00, 0x02, 0x00, 0x69};

@@ -17,11 +17,6 @@ const Knet::IpGenAddr v4Dst = ip("10.99.0.1");
 const Knet::IpGenAddr v6Src = ip("2001:db8::2");
 const Knet::IpGenAddr v6Dst = ip("2001:db8::1");
 
-Bytes concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 
 // A 33-byte IPv4 UDP packet from 10.66.0.2 to 239.1.2.3 carrying "pimio".
 const Bytes innerV4 = {

@@ -19,6 +19,12 @@ using Bytes = std::vector<U8>;
 
 inline Loom::Ptr<Knet::Pkt> pkt(const Bytes& b) { return Knet::pktFactory(b); }
 
+inline Bytes concat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+
 inline Knet::IpGenAddr ip(const char* text) {
   auto a = Knet::IpGenAddr::parse(text);
   EXPECT_TRUE(a.has_value()) << text;
