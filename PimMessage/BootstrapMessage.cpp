@@ -162,7 +162,7 @@ U32 BootstrapMessage::readBootstrapMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
   hashMaskLenIs(r.readU8());
   bsrPriorityIs(r.readU8());
 
-  EncodedUnicastAddress& bsr = scratchUnicastAddress();
+  EncodedUnicastAddress bsr;
   const U32 bsrLen = bsr.readUnicastAddress(pkt, offset + 8);
   if (bsrLen == 0) {
     PIM_TRACE(traceError, kBsrParse);
@@ -206,8 +206,8 @@ U32 BootstrapMessage::readBootstrapMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
 U32 BootstrapMessage::readGroups(const Loom::Ptr<Knet::Pkt>& pkt, U32 pos, S64& remaining,
                                  BootstrapOptionalData& data) {
   const Knet::AddressFamily family = af();
-  EncodedGroupAddress& encGroup = scratchGroupAddress();
-  EncodedUnicastAddress& encRp = scratchUnicastAddress();
+  EncodedGroupAddress encGroup;
+  EncodedUnicastAddress encRp;
   bool first = true;
   while (remaining > 0) {
     const U32 groupLen = encGroup.readGroupAddress(pkt, pos);
@@ -317,7 +317,7 @@ U32 BootstrapMessage::writeBootstrapMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     PIM_TRACE(traceError, kWriteFamily << bsrAddress_.af() << " BSR Address: " << bsrAddress_);
     return 0;
   }
-  EncodedUnicastAddress& bsr = scratchUnicastAddress();
+  EncodedUnicastAddress bsr;
   bsr.addressIs(bsrAddress_);
   const U32 bsrLen = bsr.writeUnicastAddress(pkt, offset + 8);
   if (bsrLen == 0) {
@@ -340,8 +340,8 @@ U32 BootstrapMessage::writeBootstrapMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
 U32 BootstrapMessage::writeGroups(const Loom::Ptr<Knet::Pkt>& pkt, U32 pos) {
   if (!groupRpData_) return pos;
   const Knet::AddressFamily family = af();
-  EncodedGroupAddress& encGroup = scratchGroupAddress();
-  EncodedUnicastAddress& encRp = scratchUnicastAddress();
+  EncodedGroupAddress encGroup;
+  EncodedUnicastAddress encRp;
   bool first = true;
   for (const auto& [index, group] : groupRpData_->groupData()) {
     const Knet::IpGenPrefix& prefix = group->prefix();

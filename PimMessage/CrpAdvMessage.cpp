@@ -80,7 +80,7 @@ U32 CrpAdvMessage::readCrpAdvMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset
   priorityIs(r.readU8());
   holdtimeIs(r.readU16Be());
 
-  EncodedUnicastAddress& rp = scratchUnicastAddress();
+  EncodedUnicastAddress rp;
   const U32 rpLen = rp.readUnicastAddress(pkt, offset + 8);
   if (rpLen == 0) {
     PIM_TRACE(traceError, kRpParse);
@@ -118,7 +118,7 @@ U32 CrpAdvMessage::readCrpAdvMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset
 // The ranges from pos to the end of the packet: the end, or 0 after a failure.
 U32 CrpAdvMessage::readRanges(const Loom::Ptr<Knet::Pkt>& pkt, U32 pos, CrpGroupData& data) {
   const Knet::AddressFamily family = af();
-  EncodedGroupAddress& group = scratchGroupAddress();
+  EncodedGroupAddress group;
   U32 ranges = 0;
   while (pos < pkt->size()) {
     const U32 groupLen = group.readGroupAddress(pkt, pos);
@@ -183,7 +183,7 @@ U32 CrpAdvMessage::writeCrpAdvMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offse
     PIM_TRACE(traceError, kWriteFamily << rpAddress_.af() << " RP Address: " << rpAddress_);
     return 0;
   }
-  EncodedUnicastAddress& rp = scratchUnicastAddress();
+  EncodedUnicastAddress rp;
   rp.addressIs(rpAddress_);
   const U32 rpLen = rp.writeUnicastAddress(pkt, offset + 8);
   if (rpLen == 0) {
@@ -193,7 +193,7 @@ U32 CrpAdvMessage::writeCrpAdvMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offse
   U32 pos = offset + 8 + rpLen;
   // All ranges must have the scope of the first.
   const bool allowedZone = groupData_->groupInfo().front()->zone();
-  EncodedGroupAddress& group = scratchGroupAddress();
+  EncodedGroupAddress group;
   for (const Loom::Ptr<CrpGroupInfo>& g : groupData_->groupInfo()) {
     if (g->prefix().af() != family) {
       PIM_TRACE(traceError, kWriteFamily << g->prefix().af() << " Group Address: " << g->prefix());

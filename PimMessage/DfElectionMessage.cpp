@@ -77,7 +77,7 @@ constexpr Extension passExtension{
 // Reads the extension's address at `at` into `address`; returns its size, or 0 after a trace.
 U32 readExtensionAddress(const Message& m, const Extension& e, const Loom::Ptr<Knet::Pkt>& pkt, U32 at,
                          Knet::IpGenAddr& address) {
-  EncodedUnicastAddress& enc = scratchUnicastAddress();
+  EncodedUnicastAddress enc;
   const U32 n = enc.readUnicastAddress(pkt, at);
   if (n == 0) {
     PIM_TRACE(traceError, e.parse);
@@ -103,7 +103,7 @@ U32 readExtensionAddress(const Message& m, const Extension& e, const Loom::Ptr<K
 // Writes the extension's address at `at` and checks the room for its tail: the address's size,
 // or 0 after a trace.
 U32 writeExtensionAddress(const Extension& e, const Loom::Ptr<Knet::Pkt>& pkt, U32 at, const Knet::IpGenAddr& address) {
-  EncodedUnicastAddress& enc = scratchUnicastAddress();
+  EncodedUnicastAddress enc;
   enc.addressIs(address);
   const U32 n = enc.writeUnicastAddress(pkt, at);
   if (n == 0) {
@@ -177,7 +177,7 @@ U32 DfElectionMessage::readDfElectionMessage(const Loom::Ptr<Knet::Pkt>& pkt, U3
     PIM_TRACE(traceError, kHeaderParse);
     return 0;
   }
-  EncodedUnicastAddress& rp = scratchUnicastAddress();
+  EncodedUnicastAddress rp;
   const U32 rpLen = rp.readUnicastAddress(pkt, offset + 4);
   if (rpLen == 0) {
     PIM_TRACE(traceError, kRpParse);
@@ -219,7 +219,7 @@ U32 DfElectionMessage::writeCommon(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, 
     PIM_TRACE(traceError, t.family << extra->af() << extraName << *extra);
     return 0;
   }
-  EncodedUnicastAddress& rp = scratchUnicastAddress();
+  EncodedUnicastAddress rp;
   rp.addressIs(rpAddress_);
   const U32 rpLen = rp.writeUnicastAddress(pkt, offset + 4);
   if (rpLen == 0) {

@@ -1,57 +1,58 @@
 #include "PimMessage/EncodedAddress.h"
 
+#include <array>
+
 #include "PimMessage/Message.h"
-#include "knet/Cursor.h"
 #include "loom/Assert.h"
 #include "loom/Exception.h"
 
 namespace Routing::Pim::Packet {
 namespace {
 
-// Failure texts of the encoded group and source addresses: the same sentences with the kind's
-// name. Family and encoding values, and the mask length of the range text, are quoted as the raw
-// byte.
-struct PrefixTexts {
-  const char* familyLength;
-  const char* invalidEncoding;
-  const char* ipLength;
-  const char* prefixRange;
-  const char* invalidFamily;
-  const char* wrongKind;  // a group that is not multicast, a source that is
-};
+using T = EncodedAddressText;
 
-constexpr PrefixTexts groupTexts{
-    "Invalid Encoded Group Address - Family and Encoding Length - Remaining: ",
-    "Invalid Encoded Group Address - Invalid Encoding - Value: ",
-    "Invalid Encoded Group Address - Ip Address Length - Remaining: ",
-    "Invalid Encoded Group Address - Incorrect Prefix Range - ",
-    "Invalid Encoded Group Address - Invalid Family - Value: ",
-    "Invalid Encoded Group Address - Not Multicast - Address: ",
-};
+constexpr std::array<TextRow<T>, 24> texts{{
+    {T::unicastFamilyLength, "Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: "},
+    {T::unicastInvalidEncoding, "Invalid Encoded Unicast Address - Invalid Encoding - Value: "},
+    {T::unicastIpLength, "Invalid Encoded Unicast Address - Ip Address Length - Remaining: "},
+    {T::unicastIp6Length, "Invalid Encoded Unicast Address - Ip6 Address Length - Remaining: "},
+    {T::unicastReadFamily, "Invalid Unicast Address - Invalid Family - Value: "},
+    {T::unicastWriteFamily, "Invalid Encoded Unicast Address - Invalid Family - Value: "},
+    {T::unicastNotUnicast, "Invalid Encoded Unicast Address - Not Unicast - Address: "},
+    {T::unicastUnsupportedFamily, "Invalid Encoded Unicast Address - Unsupported Address Family - Address Family: "},
+    {T::groupFamilyLength, "Invalid Encoded Group Address - Family and Encoding Length - Remaining: "},
+    {T::groupInvalidEncoding, "Invalid Encoded Group Address - Invalid Encoding - Value: "},
+    {T::groupIpLength, "Invalid Encoded Group Address - Ip Address Length - Remaining: "},
+    {T::groupPrefixRange, "Invalid Encoded Group Address - Incorrect Prefix Range - "},
+    {T::groupInvalidFamily, "Invalid Encoded Group Address - Invalid Family - Value: "},
+    {T::groupNotMulticast, "Invalid Encoded Group Address - Not Multicast - Address: "},
+    {T::groupUnsupportedFamily, "Invalid Encoded Group Address - Unsupported Address Family - Address Family: "},
+    {T::groupAddressFamily, "Unsupported address family "},
+    {T::sourceFamilyLength, "Invalid Encoded Source Address - Family and Encoding Length - Remaining: "},
+    {T::sourceInvalidEncoding, "Invalid Encoded Source Address - Invalid Encoding - Value: "},
+    {T::sourceIpLength, "Invalid Encoded Source Address - Ip Address Length - Remaining: "},
+    {T::sourcePrefixRange, "Invalid Encoded Source Address - Incorrect Prefix Range - "},
+    {T::sourceInvalidFamily, "Invalid Encoded Source Address - Invalid Family - Value: "},
+    {T::sourceNotUnicast, "Invalid Encoded Source Address - Not Unicast - Address: "},
+    {T::sourceAllZeros, "Invalid Encoded Source Address - All Zeros - Address: "},
+    {T::sourceNotHostPrefix, "Invalid Encoded Source Address - Not Host Prefix - Prefix: "},
+}};
+static_assert(rowsInOrder(texts));
 
-constexpr PrefixTexts sourceTexts{
-    "Invalid Encoded Source Address - Family and Encoding Length - Remaining: ",
-    "Invalid Encoded Source Address - Invalid Encoding - Value: ",
-    "Invalid Encoded Source Address - Ip Address Length - Remaining: ",
-    "Invalid Encoded Source Address - Incorrect Prefix Range - ",
-    "Invalid Encoded Source Address - Invalid Family - Value: ",
-    "Invalid Encoded Source Address - Not Unicast - Address: ",
+// The encoded group and source addresses fail with the same sentences, each with its kind's name.
+// Family and encoding values, and the mask length of the range text, are quoted as the raw byte.
+struct PrefixRows {
+  T familyLength;
+  T invalidEncoding;
+  T ipLength;
+  T prefixRange;
+  T invalidFamily;
+  T wrongKind;  // a group that is not multicast, a source that is
 };
-
-constexpr const char* kUnicastFamilyLength =
-    "Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: ";
-constexpr const char* kUnicastInvalidEncoding = "Invalid Encoded Unicast Address - Invalid Encoding - Value: ";
-constexpr const char* kUnicastIpLength = "Invalid Encoded Unicast Address - Ip Address Length - Remaining: ";
-constexpr const char* kUnicastIp6Length = "Invalid Encoded Unicast Address - Ip6 Address Length - Remaining: ";
-constexpr const char* kUnicastReadFamily = "Invalid Unicast Address - Invalid Family - Value: ";
-constexpr const char* kUnicastWriteFamily = "Invalid Encoded Unicast Address - Invalid Family - Value: ";
-constexpr const char* kUnicastNotUnicast = "Invalid Encoded Unicast Address - Not Unicast - Address: ";
-constexpr const char* kUnicastUnsupportedFamily =
-    "Invalid Encoded Unicast Address - Unsupported Address Family - Address Family: ";
-constexpr const char* kGroupUnsupportedFamily =
-    "Invalid Encoded Group Address - Unsupported Address Family - Address Family: ";
-constexpr const char* kSourceAllZeros = "Invalid Encoded Source Address - All Zeros - Address: ";
-constexpr const char* kSourceNotHostPrefix = "Invalid Encoded Source Address - Not Host Prefix - Prefix: ";
+constexpr PrefixRows groupRows{T::groupFamilyLength, T::groupInvalidEncoding, T::groupIpLength,
+                               T::groupPrefixRange,  T::groupInvalidFamily,   T::groupNotMulticast};
+constexpr PrefixRows sourceRows{T::sourceFamilyLength, T::sourceInvalidEncoding, T::sourceIpLength,
+                                T::sourcePrefixRange,  T::sourceInvalidFamily,   T::sourceNotUnicast};
 
 constexpr Knet::AddressFamily familyOf(U8 wire) {
   return wire == 1 ? Knet::AddressFamily::ipv4 : wire == 2 ? Knet::AddressFamily::ipv6 : Knet::AddressFamily::ipUnknown;
@@ -66,148 +67,108 @@ Knet::IpGenPrefix zeroPrefix(Knet::AddressFamily af) {
   return Knet::IpGenPrefix(Knet::IpGenAddr::fromBytes(af, zero), 0);
 }
 
-// Reads family, encoding, flags, mask length and address of an encoded group or source.
-U32 readPrefixAddress(const PrefixTexts& t, const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, Knet::IpGenPrefix& prefix,
+// Reads family, encoding, flags, mask length and address of an encoded group or source from a
+// copy of the cursor, which moves only when the read succeeds.
+U32 readPrefixAddress(const FailureRecord& rec, const PrefixRows& t, Knet::PktReader& cursor, Knet::IpGenPrefix& prefix,
                       U8& flags) {
-  Knet::PktReader r(pkt, offset);
+  rec.failureClear();
+  Knet::PktReader r = cursor;
   const S64 remaining = r.remaining();
-  if (remaining < 4) {
-    PIM_TRACE(traceError, t.familyLength << remaining << " Expected: " << 4);
-    return 0;
-  }
+  if (remaining < 4) return rec.PIM_FAIL(t.familyLength, remaining, " Expected: ", 4);
   const U8 family = r.readU8();
   const U8 encoding = r.readU8();
-  if (encoding != defaultEncoding) {
-    PIM_TRACE(traceError, t.invalidEncoding << static_cast<char>(encoding));
-    return 0;
-  }
+  if (encoding != defaultEncoding) return rec.PIM_FAIL(t.invalidEncoding, static_cast<char>(encoding));
   flags = r.readU8();
   const U8 maskLength = r.readU8();
   const Knet::AddressFamily af = familyOf(family);
   const U32 width = addressBytes(af);
-  if (width == 0) {
-    PIM_TRACE(traceError, t.invalidFamily << static_cast<char>(family));
-    return 0;
-  }
-  if (remaining - 4 < S64(width)) {
-    PIM_TRACE(traceError, t.ipLength << remaining - 4 << " Expected: " << width);
-    return 0;
-  }
+  if (width == 0) return rec.PIM_FAIL(t.invalidFamily, static_cast<char>(family));
+  if (remaining - 4 < S64(width)) return rec.PIM_FAIL(t.ipLength, remaining - 4, " Expected: ", width);
   const Knet::IpGenAddr address = r.readAddress(af);
   try {
     prefix = Knet::IpGenPrefix(address, maskLength);
   } catch (const Loom::RangeException&) {
     // An over-long mask is not a failure of the read: the bytes are consumed and the all-zero
     // prefix left behind fails the message's own validity test.
-    PIM_TRACE(traceError, t.prefixRange << address << "/" << static_cast<char>(maskLength));
+    rec.PIM_FAIL(t.prefixRange, address, "/", static_cast<char>(maskLength));
     prefix = zeroPrefix(af);
   }
+  cursor = r;
   return 4 + width;
 }
 
-U32 writePrefixAddress(const PrefixTexts& t, bool wantMulticast, const Loom::Ptr<Knet::Pkt>& pkt, U32 offset,
+U32 writePrefixAddress(const FailureRecord& rec, const PrefixRows& t, bool wantMulticast, Knet::PktWriter& cursor,
                        const Knet::IpGenPrefix& prefix, U8 flags) {
-  Knet::PktWriter w(pkt, offset);
+  rec.failureClear();
+  Knet::PktWriter w = cursor;
   const S64 remaining = w.remaining();
-  if (remaining < 4) {
-    PIM_TRACE(traceError, t.familyLength << remaining << " Expected: " << 4);
-    return 0;
-  }
+  if (remaining < 4) return rec.PIM_FAIL(t.familyLength, remaining, " Expected: ", 4);
   const Knet::AddressFamily af = prefix.af();
   const U32 width = addressBytes(af);
-  if (width == 0) {
-    PIM_TRACE(traceError, t.invalidFamily << af);
-    return 0;
-  }
-  w.writeU8(static_cast<U8>(af));
-  w.writeU8(defaultEncoding);
-  w.writeU8(flags);
-  if (prefix.address().isMulticast() != wantMulticast) {
-    PIM_TRACE(traceError, t.wrongKind << prefix.address());
-    return 0;
-  }
-  if (remaining - 4 < S64(width)) {
-    PIM_TRACE(traceError, t.ipLength << remaining - 4 << " Expected: " << width);
-    return 0;
-  }
-  w.writeU8(prefix.length());
-  w.writeAddress(prefix.address());
+  if (width == 0) return rec.PIM_FAIL(t.invalidFamily, af);
+  // Family, encoding and flags stay written when a later check fails; the cursor does not move.
+  if (!w.writeU8(static_cast<U8>(af)) || !w.writeU8(defaultEncoding) || !w.writeU8(flags)) return 0;
+  if (prefix.address().isMulticast() != wantMulticast) return rec.PIM_FAIL(t.wrongKind, prefix.address());
+  if (remaining - 4 < S64(width)) return rec.PIM_FAIL(t.ipLength, remaining - 4, " Expected: ", width);
+  if (!w.writeU8(prefix.length()) || !w.writeAddress(prefix.address())) return 0;
+  cursor = w;
   return 4 + width;
 }
 
 }  // namespace
 
+std::string_view textOf(EncodedAddressText row) { return texts[static_cast<size_t>(row)].text; }
+
 // ---- Encoded-Unicast ----
+
+U32 EncodedUnicastAddress::read(Knet::PktReader& cursor) {
+  failureClear();
+  Knet::PktReader r = cursor;
+  const S64 remaining = r.remaining();
+  if (remaining < 2) return PIM_FAIL(T::unicastFamilyLength, remaining, " Expected: ", 2);
+  const U8 family = r.readU8();
+  const U8 encoding = r.readU8();
+  if (encoding != defaultEncoding) return PIM_FAIL(T::unicastInvalidEncoding, static_cast<char>(encoding));
+  const Knet::AddressFamily af = familyOf(family);
+  const U32 width = addressBytes(af);
+  if (width == 0) return PIM_FAIL(T::unicastReadFamily, static_cast<char>(family));
+  if (remaining - 2 < S64(width)) {
+    return PIM_FAIL(width == 4 ? T::unicastIpLength : T::unicastIp6Length, remaining - 2, " Expected: ", width);
+  }
+  address_ = r.readAddress(af);
+  cursor = r;
+  return 2 + width;
+}
+
+U32 EncodedUnicastAddress::write(Knet::PktWriter& cursor) {
+  failureClear();
+  Knet::PktWriter w = cursor;
+  const S64 remaining = w.remaining();
+  if (remaining < 2) return PIM_FAIL(T::unicastFamilyLength, remaining, " Expected: ", 2);
+  const U32 width = addressBytes(address_.af());
+  if (width == 0) return PIM_FAIL(T::unicastWriteFamily, address_.af());
+  // Family and encoding stay written when a later check fails; the cursor does not move.
+  if (!w.writeU8(static_cast<U8>(address_.af())) || !w.writeU8(defaultEncoding)) return 0;
+  if (address_.isMulticast()) return PIM_FAIL(T::unicastNotUnicast, address_);
+  if (remaining - 2 < S64(width)) return PIM_FAIL(T::unicastIpLength, remaining - 2, " Expected: ", width);
+  if (!w.writeAddress(address_)) return 0;
+  cursor = w;
+  return 2 + width;
+}
 
 U32 EncodedUnicastAddress::readUnicastAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   Knet::PktReader r(pkt, offset);
-  const S64 remaining = r.remaining();
-  if (remaining < 2) {
-    PIM_TRACE(traceError, kUnicastFamilyLength << remaining << " Expected: " << 2);
-    return 0;
-  }
-  const U8 family = r.readU8();
-  const U8 encoding = r.readU8();
-  if (encoding != defaultEncoding) {
-    PIM_TRACE(traceError, kUnicastInvalidEncoding << static_cast<char>(encoding));
-    return 0;
-  }
-  const Knet::AddressFamily af = familyOf(family);
-  if (af == Knet::AddressFamily::ipv4) {
-    if (remaining - 2 < 4) {
-      PIM_TRACE(traceError, kUnicastIpLength << remaining - 2 << " Expected: " << 4);
-      return 0;
-    }
-    address_ = r.readAddress(af);
-    return ipv4SizeInBytes;
-  }
-  if (af == Knet::AddressFamily::ipv6) {
-    if (remaining - 2 < 16) {
-      PIM_TRACE(traceError, kUnicastIp6Length << remaining - 2 << " Expected: " << 16);
-      return 0;
-    }
-    address_ = r.readAddress(af);
-    return ipv6SizeInBytes;
-  }
-  PIM_TRACE(traceError, kUnicastReadFamily << static_cast<char>(family));
-  return 0;
+  return read(r);
 }
 
 U32 EncodedUnicastAddress::writeUnicastAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   Knet::PktWriter w(pkt, offset);
-  const S64 remaining = w.remaining();
-  if (remaining < 2) {
-    PIM_TRACE(traceError, kUnicastFamilyLength << remaining << " Expected: " << 2);
-    return 0;
-  }
-  const U32 width = addressBytes(address_.af());
-  if (width == 0) {
-    PIM_TRACE(traceError, kUnicastWriteFamily << address_.af());
-    return 0;
-  }
-  w.writeU8(static_cast<U8>(address_.af()));
-  w.writeU8(defaultEncoding);
-  if (address_.isMulticast()) {
-    PIM_TRACE(traceError, kUnicastNotUnicast << address_);
-    return 0;
-  }
-  if (remaining - 2 < S64(width)) {
-    PIM_TRACE(traceError, kUnicastIpLength << remaining - 2 << " Expected: " << width);
-    return 0;
-  }
-  w.writeAddress(address_);
-  return 2 + width;
+  return write(w);
 }
 
 bool EncodedUnicastAddress::valid() const {
-  if (addressBytes(address_.af()) == 0) {
-    PIM_TRACE(traceError, kUnicastUnsupportedFamily << address_.af());
-    return false;
-  }
-  if (address_.isMulticast()) {
-    PIM_TRACE(traceError, kUnicastNotUnicast << address_);
-    return false;
-  }
+  if (addressBytes(address_.af()) == 0) return PIM_FAIL(T::unicastUnsupportedFamily, address_.af());
+  if (address_.isMulticast()) return PIM_FAIL(T::unicastNotUnicast, address_);
   return true;
 }
 
@@ -215,7 +176,7 @@ bool EncodedUnicastAddress::valid() const {
 
 Knet::IpGenAddr EncodedGroupAddress::address() const {
   if (addressBytes(prefix_.af()) == 0) {
-    PIM_TRACE(traceError, "Unsupported address family " << prefix_.af());
+    PIM_TRACE(traceError, textOf(T::groupAddressFamily) << prefix_.af());
     return Knet::IpGenAddr();
   }
   return prefix_.address();
@@ -230,26 +191,30 @@ void EncodedGroupAddress::groupAddressIs(const GroupAddress& g) {
   flags_ = g.flags;
 }
 
-U32 EncodedGroupAddress::readGroupAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+U32 EncodedGroupAddress::read(Knet::PktReader& r) {
   U8 flags = flags_.value();
-  U32 n = readPrefixAddress(groupTexts, pkt, offset, prefix_, flags);
+  const U32 n = readPrefixAddress(*this, groupRows, r, prefix_, flags);
   flags_ = GroupFlags(flags);
   return n;
 }
 
+U32 EncodedGroupAddress::write(Knet::PktWriter& w) {
+  return writePrefixAddress(*this, groupRows, true, w, prefix_, flags_.value());
+}
+
+U32 EncodedGroupAddress::readGroupAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+  Knet::PktReader r(pkt, offset);
+  return read(r);
+}
+
 U32 EncodedGroupAddress::writeGroupAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  return writePrefixAddress(groupTexts, true, pkt, offset, prefix_, flags_.value());
+  Knet::PktWriter w(pkt, offset);
+  return write(w);
 }
 
 bool EncodedGroupAddress::valid() const {
-  if (addressBytes(prefix_.af()) == 0) {
-    PIM_TRACE(traceError, kGroupUnsupportedFamily << prefix_.af());
-    return false;
-  }
-  if (!prefix_.address().isMulticast()) {
-    PIM_TRACE(traceError, groupTexts.wrongKind << prefix_.address());
-    return false;
-  }
+  if (addressBytes(prefix_.af()) == 0) return PIM_FAIL(T::groupUnsupportedFamily, prefix_.af());
+  if (!prefix_.address().isMulticast()) return PIM_FAIL(T::groupNotMulticast, prefix_.address());
   return true;
 }
 
@@ -270,54 +235,35 @@ void EncodedSourceAddress::sourceAddressIs(const SourceAddress& s) {
   flags_ = s.flags;
 }
 
-U32 EncodedSourceAddress::readSourceAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+U32 EncodedSourceAddress::read(Knet::PktReader& r) {
   U8 flags = flags_.value();
-  U32 n = readPrefixAddress(sourceTexts, pkt, offset, prefix_, flags);
+  const U32 n = readPrefixAddress(*this, sourceRows, r, prefix_, flags);
   flags_ = SourceFlags(flags);
   return n;
 }
 
+U32 EncodedSourceAddress::write(Knet::PktWriter& w) {
+  return writePrefixAddress(*this, sourceRows, false, w, prefix_, flags_.value());
+}
+
+U32 EncodedSourceAddress::readSourceAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+  Knet::PktReader r(pkt, offset);
+  return read(r);
+}
+
 U32 EncodedSourceAddress::writeSourceAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  return writePrefixAddress(sourceTexts, false, pkt, offset, prefix_, flags_.value());
+  Knet::PktWriter w(pkt, offset);
+  return write(w);
 }
 
 bool EncodedSourceAddress::valid() const {
-  if (addressBytes(prefix_.af()) == 0) {
-    // The source test reports an unknown family with the group's text.
-    PIM_TRACE(traceError, kGroupUnsupportedFamily << prefix_.af());
-    return false;
-  }
+  // The source test reports an unknown family with the group's text.
+  if (addressBytes(prefix_.af()) == 0) return PIM_FAIL(T::groupUnsupportedFamily, prefix_.af());
   const Knet::IpGenAddr& a = prefix_.address();
-  if (a.isMulticast()) {
-    PIM_TRACE(traceError, sourceTexts.wrongKind << a);
-    return false;
-  }
-  if (a.isZero()) {
-    PIM_TRACE(traceError, kSourceAllZeros << a);
-    return false;
-  }
-  if (!prefix_.isHostPrefix()) {
-    PIM_TRACE(traceError, kSourceNotHostPrefix << prefix_);
-    return false;
-  }
+  if (a.isMulticast()) return PIM_FAIL(T::sourceNotUnicast, a);
+  if (a.isZero()) return PIM_FAIL(T::sourceAllZeros, a);
+  if (!prefix_.isHostPrefix()) return PIM_FAIL(T::sourceNotHostPrefix, prefix_);
   return true;
-}
-
-// ---- Shared instances ----
-
-EncodedUnicastAddress& scratchUnicastAddress() {
-  static Loom::Ptr<EncodedUnicastAddress> a = new EncodedUnicastAddress;
-  return *a;
-}
-
-EncodedGroupAddress& scratchGroupAddress() {
-  static Loom::Ptr<EncodedGroupAddress> a = new EncodedGroupAddress;
-  return *a;
-}
-
-EncodedSourceAddress& scratchSourceAddress() {
-  static Loom::Ptr<EncodedSourceAddress> a = new EncodedSourceAddress;
-  return *a;
 }
 
 }  // namespace Routing::Pim::Packet

@@ -8,7 +8,7 @@ U32 read(Message& m, const ReadTexts& t, const Loom::Ptr<Knet::Pkt>& pkt, U32 of
     return 0;
   }
   const Knet::AddressFamily family = m.af();
-  EncodedGroupAddress& group = scratchGroupAddress();
+  EncodedGroupAddress group;
   const U32 groupLen = group.readGroupAddress(pkt, offset + 4);
   if (groupLen == 0) {
     PIM_TRACE(traceError, t.groupParse);
@@ -25,7 +25,7 @@ U32 read(Message& m, const ReadTexts& t, const Loom::Ptr<Knet::Pkt>& pkt, U32 of
   }
   out.group = GroupAddress{groupAddr, group.flags()};
 
-  EncodedUnicastAddress& source = scratchUnicastAddress();
+  EncodedUnicastAddress source;
   const U32 at = offset + 4 + groupLen;
   const U32 sourceLen = source.readUnicastAddress(pkt, at);
   if (sourceLen == 0) {
@@ -55,7 +55,7 @@ U32 write(const Message& m, const WriteTexts& t, const Loom::Ptr<Knet::Pkt>& pkt
     PIM_TRACE(traceError, t.family << in.group.address.af() << " Group Address: " << in.group.address);
     return 0;
   }
-  EncodedGroupAddress& group = scratchGroupAddress();
+  EncodedGroupAddress group;
   group.groupAddressIs(in.group);
   const U32 groupLen = group.writeGroupAddress(pkt, offset + 4);
   if (groupLen == 0) {
@@ -66,7 +66,7 @@ U32 write(const Message& m, const WriteTexts& t, const Loom::Ptr<Knet::Pkt>& pkt
     PIM_TRACE(traceError, t.family << in.source.af() << " Source Address: " << in.source);
     return 0;
   }
-  EncodedUnicastAddress& source = scratchUnicastAddress();
+  EncodedUnicastAddress source;
   source.addressIs(in.source);
   const U32 at = offset + 4 + groupLen;
   const U32 sourceLen = source.writeUnicastAddress(pkt, at);

@@ -204,7 +204,7 @@ U32 HelloMessage::readHelloMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) 
 // Walks the address list address by address; an address that crosses the option's end is read
 // whole and the position ends behind it.
 bool HelloMessage::readAddressList(const Loom::Ptr<Knet::Pkt>& pkt, U64& pos, S64 valueRoom, U16 length) {
-  EncodedUnicastAddress& scratch = scratchUnicastAddress();
+  EncodedUnicastAddress scratch;
   S64 left = length;
   do {
     const U32 n = scratch.readUnicastAddress(pkt, static_cast<U32>(pos));
@@ -311,7 +311,7 @@ U32 HelloMessage::writeHelloMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset)
     w.writeU16Be(helloAddressList);
     const U32 lengthAt = w.offset();
     w.writeU16Be(0);
-    EncodedUnicastAddress& scratch = scratchUnicastAddress();
+    EncodedUnicastAddress scratch;
     U32 written = 0;
     for (const Knet::IpGenAddr& a : secondaryAddr_) {
       if (a.af() != af()) {

@@ -137,7 +137,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     PIM_TRACE(traceError, kHeaderParse);
     return 0;
   }
-  EncodedUnicastAddress& upstream = scratchUnicastAddress();
+  EncodedUnicastAddress upstream;
   const U32 upLen = upstream.readUnicastAddress(pkt, offset + 4);
   if (upLen == 0) {
     PIM_TRACE(traceError, kUpstreamParse);
@@ -169,8 +169,8 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
 
   Report report;
   U32 validGroups = 0;
-  EncodedGroupAddress& encGroup = scratchGroupAddress();
-  EncodedSourceAddress& encSource = scratchSourceAddress();
+  EncodedGroupAddress encGroup;
+  EncodedSourceAddress encSource;
   data->joinPruneGroupData().reserve(numGroups);
   const U8* const bytes = pkt->data();
   const U32 bytesSize = pkt->size();
@@ -179,7 +179,8 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     // read with its checks and texts.
     GroupAddress groupRead;
     bool filtered = false;
-    U32 groupLen = EncodedGroupAddress::readValidHostGroup(bytes, bytesSize, static_cast<U32>(pos), family, groupRead);
+    Knet::PktReader at(bytes, bytesSize, static_cast<U32>(pos));
+    U32 groupLen = EncodedGroupAddress::readValidHostGroup(at, family, groupRead);
     if (groupLen == 0) {
       groupLen = encGroup.readGroupAddress(pkt, static_cast<U32>(pos));
       if (groupLen == 0) {
@@ -233,7 +234,8 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     for (U32 i = 0; i < U32(numJoined) + numPruned; ++i) {
       const bool join = i < numJoined;
       SourceAddress source;
-      if (const U32 n = EncodedSourceAddress::readValidHostSource(bytes, bytesSize, static_cast<U32>(pos), family, source)) {
+      Knet::PktReader at(bytes, bytesSize, static_cast<U32>(pos));
+      if (const U32 n = EncodedSourceAddress::readValidHostSource(at, family, source)) {
         pos += n;
         remaining -= n;
       } else {
@@ -392,8 +394,9 @@ struct Packer {
 
   // Writes one source entry with its flags; 0 on failure.
   U32 writeSource(const Knet::IpGenAddr& a, U8 flags) {
-    if (const U32 n = EncodedSourceAddress::writeHostSource(pkt->data(), pkt->size(), pos, a, SourceFlags(flags))) return n;
-    EncodedSourceAddress& enc = scratchSourceAddress();
+    Knet::PktWriter at(pkt, pos);
+    if (const U32 n = EncodedSourceAddress::writeHostSource(at, a, SourceFlags(flags))) return n;
+    EncodedSourceAddress enc;
     enc.prefixIs(Knet::IpGenPrefix(a, Knet::IpGenPrefix::maxLength(a.af())));
     enc.flagsIs(SourceFlags(flags));
     return enc.writeSourceAddress(pkt, pos);
@@ -448,7 +451,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     PIM_TRACE(traceError, kWriteUpstreamFamily << data.upstream().af() << " Upstream Address: " << data.upstream());
     return 0;
   }
-  EncodedUnicastAddress& upstream = scratchUnicastAddress();
+  EncodedUnicastAddress upstream;
   upstream.addressIs(data.upstream());
   const U32 upLen = upstream.writeUnicastAddress(pkt, offset + 4);
   if (upLen == 0) {
@@ -543,7 +546,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
 
     const U32 groupStart = p.pos;
     const S64 remainingAtGroup = p.remaining;
-    EncodedGroupAddress& encGroup = scratchGroupAddress();
+    EncodedGroupAddress encGroup;
     encGroup.addressIs(groupAddr);
     encGroup.flagsIs(GroupFlags(group.groupFlags()));
     const U32 groupLen = encGroup.writeGroupAddress(pkt, p.pos);

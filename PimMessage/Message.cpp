@@ -1,16 +1,10 @@
 #include "PimMessage/Message.h"
 
+#include <array>
 #include <charconv>
 #include <stdexcept>
 #include <string>
 
-#include "PimMessage/AssertMessage.h"
-#include "PimMessage/BootstrapMessage.h"
-#include "PimMessage/CrpAdvMessage.h"
-#include "PimMessage/DfElectionMessage.h"
-#include "PimMessage/HelloMessage.h"
-#include "PimMessage/JoinPruneMessage.h"
-#include "PimMessage/RegisterMessage.h"
 #include "knet/PimHdr.h"
 #include "loom/Exception.h"
 
@@ -42,21 +36,31 @@ Loom::LogMessage PIM_MESSAGE_AF_MISMATCH(
     "Collect show-tech and contact support.");
 
 namespace {
+constexpr std::array<TextRow<HeaderText>, 5> headerTexts{{
+    {HeaderText::missingHeader, "Invalid Pim Message - Missing Pim Header - Remaining: "},
+    {HeaderText::checksum, "Invalid Pim Message - Checksum - Received: "},
+    {HeaderText::registerChecksum, "Invalid Pim Message - Register Checksum - Received: "},
+    {HeaderText::invalidFamily, "Invalid address family"},
+    {HeaderText::writeSpace, "Invalid Pim Message - Header - Unavailable Space - Remaining: "},
+}};
+static_assert(rowsInOrder(headerTexts));
+
 constexpr U8 registerType = 0x21;
 // A Register's checksum covers only its header and the flags word.
 constexpr U32 registerChecksumLength = 8;
 }  // namespace
+
+std::string_view textOf(HeaderText row) { return headerTexts[static_cast<size_t>(row)].text; }
 
 Message::Message(Knet::PimMessageType pimMessageType) : pimMessageType_(pimMessageType) {}
 
 Knet::AddressFamily Message::af() const { return srcIp_.isSet() ? srcIp_.af() : dstIp_.af(); }
 
 U32 Message::readHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+  // Every read starts here.
+  failureClear();
   const S64 remaining = S64(pkt->size()) - S64(offset);
-  if (remaining <= 3) {
-    PIM_TRACE(traceError, "Invalid Pim Message - Missing Pim Header - Remaining: " << remaining);
-    return 0;
-  }
+  if (remaining <= 3) return PIM_FAIL(HeaderText::missingHeader, remaining);
   const Knet::PimCommonHdr hdr(pkt->data() + offset, static_cast<U32>(remaining));
   PIM_TRACE(traceDetail, __func__ << " pimHdr " << hdr);
   reserved_ = hdr.reserved();
@@ -67,15 +71,10 @@ U32 Message::readHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
     case Knet::AddressFamily::ipv4: {
       U16 sum = hdr.computedChecksumU16(static_cast<U16>(length_));
       if (sum == 0) break;
-      if (!isRegister) {
-        PIM_TRACE(traceError, "Invalid Pim Message - Checksum - Received: " << hdr.checksum() << " Calculated: " << sum);
-        return 0;
-      }
+      if (!isRegister) return PIM_FAIL(HeaderText::checksum, hdr.checksum(), " Calculated: ", sum);
       sum = hdr.computedChecksumU16(static_cast<U16>(remaining));
       if (sum == 0) break;
-      PIM_TRACE(traceError,
-                "Invalid Pim Message - Register Checksum - Received: " << hdr.checksum() << " Calculated: " << sum);
-      return 0;
+      return PIM_FAIL(HeaderText::registerChecksum, hdr.checksum(), " Calculated: ", sum);
     }
     case Knet::AddressFamily::ipv6: {
       Knet::PimPseudoHdrIpv6 pseudo{srcIp_, dstIp_, length_, Knet::ipProtoPim};
@@ -84,20 +83,14 @@ U32 Message::readHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
                                           << hdr << " validChecksum " << 65535);
       // 0xFFFF is accepted as well as 0: both are zero in one's-complement arithmetic.
       if (sum == 0 || sum == 0xffff) break;
-      if (!isRegister) {
-        PIM_TRACE(traceError, "Invalid Pim Message - Checksum - Received: " << hdr.checksum() << " Calculated: " << sum);
-        return 0;
-      }
+      if (!isRegister) return PIM_FAIL(HeaderText::checksum, hdr.checksum(), " Calculated: ", sum);
       pseudo.length = static_cast<U32>(remaining);
       sum = hdr.computedChecksumIpv6(pseudo);
       if (sum == 0 || sum == 0xffff) break;
-      PIM_TRACE(traceError,
-                "Invalid Pim Message - Register Checksum - Received: " << hdr.checksum() << " Calculated: " << sum);
-      return 0;
+      return PIM_FAIL(HeaderText::registerChecksum, hdr.checksum(), " Calculated: ", sum);
     }
     default:
-      PIM_TRACE(traceError, "Invalid address family");
-      return 0;
+      return PIM_FAIL(HeaderText::invalidFamily);
   }
   PIM_TRACE(traceDetail, "readHeader" << ": RX: <PIM version=2 type=" << unsigned(hdr.messageType().type()) << " ("
                                       << hdr.messageType().name() << ") reserved=" << unsigned(reserved_)
@@ -108,10 +101,7 @@ U32 Message::readHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
 
 U32 Message::writeHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   const S64 remaining = S64(pkt->size()) - S64(offset);
-  if (remaining <= 3) {
-    PIM_TRACE(traceError, "Invalid Pim Message - Header - Unavailable Space - Remaining: " << remaining);
-    return 0;
-  }
+  if (remaining <= 3) return PIM_FAIL(HeaderText::writeSpace, remaining);
   PIM_TRACE(traceError, "writeHeader" << " pkt bytes: " << pkt->size() << ", offset " << offset);
   Knet::PimCommonHdr hdr(pkt->data() + offset, static_cast<U32>(remaining));
   hdr.messageTypeIs(pimMessageType_);
@@ -128,8 +118,7 @@ U32 Message::writeHeader(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
       break;
     }
     default:
-      PIM_TRACE(traceError, "Invalid address family");
-      return 0;
+      return PIM_FAIL(HeaderText::invalidFamily);
   }
   hdr.checksumIs(checksum);
   PIM_TRACE(traceDetail, "writeHeader" << " TX: <PIM version=2 type=" << unsigned(pimMessageType_.type()) << " ("
@@ -148,16 +137,6 @@ U64 boundedValueFromString(std::string_view text, U64 max, const char* rangeText
   return v;
 }
 
-Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType) {
-  if (pimMessageType == Knet::pimHello()) return new HelloMessage;
-  if (pimMessageType == Knet::pimRegister()) return new RegisterMessage;
-  if (pimMessageType == Knet::pimRegisterStop()) return new RegisterStopMessage;
-  if (pimMessageType == Knet::pimJoinPrune()) return new JoinPruneMessage;
-  if (pimMessageType == Knet::pimBootstrap()) return new BootstrapMessage;
-  if (pimMessageType == Knet::pimAssert()) return new AssertMessage;
-  if (pimMessageType == Knet::pimCandidateRpAdvertisement()) return new CrpAdvMessage;
-  if (pimMessageType == Knet::pimDfElection()) return new DfElectionMessage;
-  return new Message(pimMessageType);
-}
+Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType) { return new Message(pimMessageType); }
 
 }  // namespace Routing::Pim::Packet

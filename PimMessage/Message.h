@@ -4,37 +4,33 @@
 //
 // Codec conventions: read and write operations take the packet and the offset of what they read
 // or write, and return the number of bytes read or written; 0 means failure. Each failure is
-// traced once at level 1 under the unit "PimMessage" with a fixed text and the offending value.
+// traced once at level 1 under the unit "PimMessage" with a fixed text and the offending value,
+// and recorded as a value (failure(), Failure.h).
 #include <ostream>
 #include <string_view>
 
 #include "knet/Address.h"
 #include "knet/Pkt.h"
+#include "PimMessage/Failure.h"
 #include "loom/Entity.h"
 #include "loom/LogMessage.h"
 #include "loom/Trace.h"
 
 namespace Routing::Pim::Packet {
 
-// The trace unit of the codec. An inline variable, so that a trace whose level is off costs one
-// load and one compare.
-inline Loom::TraceUnit pimMessageTraceUnit{"PimMessage"};
-inline Loom::TraceUnit& traceUnit() { return pimMessageTraceUnit; }
-
-#define PIM_TRACE(lvl, expr) LOOM_TRACE(::Routing::Pim::Packet::traceUnit(), lvl, expr)
-
-// Trace levels of the codec.
-enum TraceLevel : int {
-  traceError = 1,
-  traceSummary = 3,
-  traceDetail = 4,
-  traceWarning = 5,
-  traceFilter = 6,
-  tracePacking = 7,
-  traceEntry = 8,
+// The rows of the header's text table.
+enum class HeaderText : U8 {
+  missingHeader,
+  checksum,
+  registerChecksum,
+  invalidFamily,
+  writeSpace,
 };
+template <>
+inline constexpr TextTable textTableOf<HeaderText> = TextTable::header;
+std::string_view textOf(HeaderText row);
 
-class Message : public Loom::Entity {
+class Message : public Loom::Entity, public FailureRecord {
  public:
   explicit Message(Knet::PimMessageType pimMessageType);
 
@@ -74,6 +70,8 @@ class Message : public Loom::Entity {
   Knet::IpGenAddr dstIp_;
 };
 
+// A bare message of the type: the header only, no body. The receive path holds a header in one
+// before it knows the concrete class; MessageTable.h makes the concrete classes.
 Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType);
 
 // A value type's decimal text form: a value above `max` raises Loom::RangeException with

@@ -1,47 +1,61 @@
 #pragma once
-// Bounds-checked cursors over packet bytes. Integers are read and written in network order
-// (the "Be" in the names) through memcpy, never through a struct laid over the bytes.
+// Bounds-checked cursors over packet bytes, one for reading and one for writing, sharing one
+// offset type. Integers are read and written in network order (the "Be" in the names) through
+// memcpy, never through a struct laid over the bytes.
 //
-// A read or write that does not fit leaves the bytes and the position alone, returns zero for a
-// read, and sets overrun(); callers check the room first so that they can say what was missing.
-// skip() may move the position past the end (the remaining count then goes negative).
+// The contract, the same for both cursors:
+//   - every read, write and skip that does not fit leaves the bytes and the position alone,
+//     sets overrun() and reports it (a read returns zero, the others false); callers test the
+//     room first (fits(), remaining()) when they must say what was missing;
+//   - results are [[nodiscard]]: a caller that ignores one has a bug;
+//   - a part whose length the packet gives (an option, a list) is read through a sub-reader
+//     bounded to that length (take()), so that it can never read past its own end.
+// Sub-codecs (encoded addresses, options) read from and write to the caller's cursor; nobody
+// keeps a second count of the position beside it.
 #include <cstring>
+#include <optional>
 
 #include "knet/Address.h"
 #include "knet/Pkt.h"
 
 namespace Knet {
 
+// A position in a packet's data, or a count of its bytes.
+using PktOffset = U32;
+
 class PktReader {
  public:
-  PktReader(const U8* data, U32 size, U32 offset) : data_(data), size_(size), pos_(offset) {}
-  PktReader(const Loom::Ptr<Pkt>& pkt, U32 offset) : PktReader(pkt->data(), pkt->size(), offset) {}
+  PktReader(const U8* data, PktOffset size, PktOffset offset) : data_(data), size_(size), pos_(offset) {}
+  PktReader(const Loom::Ptr<Pkt>& pkt, PktOffset offset) : PktReader(pkt->data(), pkt->size(), offset) {}
 
-  U64 offset() const { return pos_; }
+  PktOffset offset() const { return pos_; }
+  // Bytes left to read; negative when the reader was made at an offset beyond the end.
   S64 remaining() const { return S64(size_) - S64(pos_); }
   bool fits(U64 n) const { return pos_ <= size_ && n <= size_ - pos_; }
+  bool atEnd() const { return pos_ >= size_; }
   bool overrun() const { return overrun_; }
 
-  U8 readU8() {
+  [[nodiscard]] U8 readU8() {
     if (!fits(1)) return fail();
     return data_[pos_++];
   }
-  U16 readU16Be() {
+  [[nodiscard]] U16 readU16Be() {
     if (!fits(2)) return fail();
-    U16 v = static_cast<U16>(data_[pos_] << 8 | data_[pos_ + 1]);
+    const U16 v = static_cast<U16>(data_[pos_] << 8 | data_[pos_ + 1]);
     pos_ += 2;
     return v;
   }
-  U32 readU32Be() {
+  [[nodiscard]] U32 readU32Be() {
     if (!fits(4)) return fail();
     U32 v;
     std::memcpy(&v, data_ + pos_, 4);
     pos_ += 4;
     return __builtin_bswap32(v);
   }
-  // An address of the family from its network-order bytes; unset if it does not fit.
-  IpGenAddr readAddress(AddressFamily af) {
-    U32 n = af == AddressFamily::ipv4 ? 4 : af == AddressFamily::ipv6 ? 16 : 0;
+  // An address of the family from its network-order bytes; unset if it does not fit or the
+  // family has no address length.
+  [[nodiscard]] IpGenAddr readAddress(AddressFamily af) {
+    const PktOffset n = addressLength(af);
     if (n == 0 || !fits(n)) {
       fail();
       return IpGenAddr();
@@ -50,69 +64,106 @@ class PktReader {
     pos_ += n;
     return a;
   }
-  void skip(U64 n) { pos_ += n; }
-  const U8* here() const { return data_ + pos_; }
+  // Moves past n bytes: false, not moving, when fewer remain.
+  [[nodiscard]] bool skip(U64 n) {
+    if (!fits(n)) return fail();
+    pos_ += static_cast<PktOffset>(n);
+    return true;
+  }
+  // A reader over the next n bytes, this one moved past them; nullopt (not moving) when fewer
+  // remain. The sub-reader's offsets are those of the packet.
+  [[nodiscard]] std::optional<PktReader> take(U64 n) {
+    if (!fits(n)) {
+      fail();
+      return std::nullopt;
+    }
+    PktReader sub(data_, pos_ + static_cast<PktOffset>(n), pos_);
+    pos_ += static_cast<PktOffset>(n);
+    return sub;
+  }
+
+  // For fast paths that look at the bytes ahead themselves (then skip what they took).
+  const U8* data() const { return data_; }
+  PktOffset size() const { return size_; }
 
  private:
+  static constexpr PktOffset addressLength(AddressFamily af) {
+    return af == AddressFamily::ipv4 ? 4 : af == AddressFamily::ipv6 ? 16 : 0;
+  }
   U8 fail() {
     overrun_ = true;
     return 0;
   }
   const U8* data_;
-  U32 size_;
-  U64 pos_;
+  PktOffset size_;
+  PktOffset pos_;
   bool overrun_ = false;
 };
 
 class PktWriter {
  public:
-  PktWriter(U8* data, U32 size, U32 offset) : data_(data), size_(size), pos_(offset) {}
-  PktWriter(const Loom::Ptr<Pkt>& pkt, U32 offset) : PktWriter(pkt->data(), pkt->size(), offset) {}
+  PktWriter(U8* data, PktOffset size, PktOffset offset) : data_(data), size_(size), pos_(offset) {}
+  PktWriter(const Loom::Ptr<Pkt>& pkt, PktOffset offset) : PktWriter(pkt->data(), pkt->size(), offset) {}
 
-  U32 offset() const { return pos_; }
+  PktOffset offset() const { return pos_; }
+  // Room left; negative when the writer was made at an offset beyond the end.
   S64 remaining() const { return S64(size_) - S64(pos_); }
   bool fits(U64 n) const { return pos_ <= size_ && n <= size_ - pos_; }
   bool overrun() const { return overrun_; }
 
-  bool writeU8(U8 v) {
+  [[nodiscard]] bool writeU8(U8 v) {
     if (!fits(1)) return fail();
     data_[pos_++] = v;
     return true;
   }
-  bool writeU16Be(U16 v) {
+  [[nodiscard]] bool writeU16Be(U16 v) {
     if (!fits(2)) return fail();
     data_[pos_] = static_cast<U8>(v >> 8);
     data_[pos_ + 1] = static_cast<U8>(v);
     pos_ += 2;
     return true;
   }
-  bool writeU32Be(U32 v) {
+  [[nodiscard]] bool writeU32Be(U32 v) {
     if (!fits(4)) return fail();
     v = __builtin_bswap32(v);
     std::memcpy(data_ + pos_, &v, 4);
     pos_ += 4;
     return true;
   }
-  bool writeAddress(const IpGenAddr& a) {
-    U32 n = a.byteLength();
+  [[nodiscard]] bool writeAddress(const IpGenAddr& a) {
+    const PktOffset n = a.byteLength();
     if (n == 0 || !fits(n)) return fail();
     std::memcpy(data_ + pos_, a.bytes(), n);
     pos_ += n;
     return true;
   }
-  // Moves past n bytes that someone else wrote (at most to the end).
-  bool skip(U32 n) {
+  // Moves past n bytes that are written later or by someone else: false, not moving, when
+  // fewer remain.
+  [[nodiscard]] bool skip(U64 n) {
     if (!fits(n)) return fail();
-    pos_ += n;
+    pos_ += static_cast<PktOffset>(n);
     return true;
   }
-  // Rewrites a 16-bit field written earlier (such as an option length known only at the end).
-  bool patchU16Be(U32 at, U16 v) {
+  // Goes back to an earlier position (a part written and then taken out again).
+  void rewind(PktOffset to) {
+    if (to < pos_) pos_ = to;
+  }
+  // Rewrites fields written earlier (a length or count known only at the end).
+  [[nodiscard]] bool patchU8(PktOffset at, U8 v) {
+    if (at >= size_) return fail();
+    data_[at] = v;
+    return true;
+  }
+  [[nodiscard]] bool patchU16Be(PktOffset at, U16 v) {
     if (at > size_ || size_ - at < 2) return fail();
     data_[at] = static_cast<U8>(v >> 8);
     data_[at + 1] = static_cast<U8>(v);
     return true;
   }
+
+  // For fast paths that write the bytes ahead themselves (then skip what they wrote).
+  U8* data() const { return data_; }
+  PktOffset size() const { return size_; }
 
  private:
   bool fail() {
@@ -120,8 +171,8 @@ class PktWriter {
     return false;
   }
   U8* data_;
-  U32 size_;
-  U32 pos_;
+  PktOffset size_;
+  PktOffset pos_;
   bool overrun_ = false;
 };
 

@@ -1,5 +1,6 @@
 // The common header: length test, checksum rules of both families and the Register exception.
 #include "PimMessage/Message.h"
+#include "PimMessage/MessageTable.h"
 
 #include "support/CodecTest.h"
 
@@ -196,33 +197,49 @@ TEST(Message, DefaultsAndDerivedValues) {
   EXPECT_EQ(os.str(), "type=dfElection");
 }
 
-// The factory makes the class of each type the codec knows, and a plain message for the others.
-TEST(Message, FactoryMakesTheClassOfTheType) {
+// The table makes the class of each type (and DF election subtype) the codec knows, which
+// renders its body; the factory makes a bare header for any type.
+TEST(Message, TableMakesTheClassOfTheType) {
   struct Case {
     Knet::PimMessageType type;
-    const char* text;  // the start of the message's text
+    U8 reserved;
+    const char* text;  // the start of the message's text; null: no class
   };
   const Case cases[] = {
-      {Knet::pimHello(), "type=hello | "},
-      {Knet::pimRegister(), "type=register | null bit=0"},
-      {Knet::pimRegisterStop(), "type=registerStop | source="},
-      {Knet::pimJoinPrune(), ""},  // a Join/Prune without data renders as nothing
-      {Knet::pimBootstrap(), "type=bootstrap Forward=True"},
-      {Knet::pimAssert(), "type=assert | source="},
-      {Knet::pimCandidateRpAdvertisement(), "type=candidateRpAdv prefixCount=0"},
-      {Knet::pimDfElection(), "type=dfElection | type=dfElectionMessageType(0)"},
-      {Knet::PimMessageType(0x26), "type=graft"},
+      {Knet::pimHello(), 0, "type=hello | "},
+      {Knet::pimRegister(), 0, "type=register | null bit=0"},
+      {Knet::pimRegisterStop(), 0, "type=registerStop | source="},
+      {Knet::pimJoinPrune(), 0, ""},  // a Join/Prune without data renders as nothing
+      {Knet::pimBootstrap(), 0, "type=bootstrap Forward=True"},
+      {Knet::pimAssert(), 0, "type=assert | source="},
+      {Knet::pimCandidateRpAdvertisement(), 0, "type=candidateRpAdv prefixCount=0"},
+      {Knet::pimDfElection(), 0x10, "type=dfElection | type=dfElectionOffer"},
+      {Knet::pimDfElection(), 0x4f, "type=dfElection | type=dfElectionPass"},
+      {Knet::pimDfElection(), 0x50, nullptr},
+      {Knet::pimDfElection(), 0x0f, nullptr},
+      {Knet::PimMessageType(0x26), 0, nullptr},
+      {Knet::PimMessageType(0x30), 0, nullptr},
   };
   for (const Case& c : cases) {
-    auto m = messageFactory(c.type);
+    const MessageClassLookup found = messageClassOf(c.type, c.reserved);
+    if (!c.text) {
+      EXPECT_EQ(found.row, nullptr) << c.type;
+      EXPECT_EQ(found.outcome, c.type == Knet::pimDfElection() ? MessageClassLookup::Outcome::unsupportedDfElectionType
+                                                                : MessageClassLookup::Outcome::unsupportedType);
+      continue;
+    }
+    ASSERT_NE(found.row, nullptr) << c.type;
+    auto m = found.row->create();
     EXPECT_EQ(m->pimMessageType(), c.type);
     std::ostringstream os;
     os << m.ptr();
     EXPECT_TRUE(startsWith(os.str(), c.text)) << os.str();
-    if (*c.text == 0) {
-      EXPECT_EQ(os.str(), "");
-    }
+    if (*c.text == 0) EXPECT_EQ(os.str(), "");
+    std::ostringstream bare;
+    bare << messageFactory(c.type).ptr();
+    EXPECT_EQ(bare.str(), std::string("type=") + c.type.name()) << c.type;
   }
+  EXPECT_EQ(messageClasses().size(), 11u);
 }
 
 TEST(Message, CodecLogMessagesAreRegistered) {

@@ -85,13 +85,31 @@ TEST(Cursor, ReadsBigEndianAndRefusesToOverrun) {
   EXPECT_EQ(r.readU32Be(), 0u);  // one byte left: refused, position kept
   EXPECT_TRUE(r.overrun());
   EXPECT_EQ(r.remaining(), 1);
+  EXPECT_FALSE(r.skip(2));  // checked: refused, position kept
+  EXPECT_EQ(r.remaining(), 1);
   EXPECT_EQ(r.readU8(), 0x9a);
-  r.skip(3);
-  EXPECT_EQ(r.remaining(), -3);
+  EXPECT_TRUE(r.atEnd());
   EXPECT_EQ(r.readU8(), 0);
+  PktReader beyond(b.data(), 5, 7);  // made past the end: the count a failure text quotes
+  EXPECT_EQ(beyond.remaining(), -2);
+  EXPECT_FALSE(beyond.skip(0));
   PktReader a(b.data(), 5, 1);
   EXPECT_FALSE(a.readAddress(AddressFamily::ipv6).isSet());
   EXPECT_EQ(a.readAddress(AddressFamily::ipv4).str(), "52.86.120.154");
+}
+
+TEST(Cursor, SubReaderEndsWhereItsLengthSays) {
+  const std::vector<U8> b = {1, 2, 3, 4, 5};
+  PktReader r(b.data(), 5, 1);
+  EXPECT_FALSE(r.take(5));  // more than remains: refused, position kept
+  auto sub = r.take(2);
+  ASSERT_TRUE(sub);
+  EXPECT_EQ(r.offset(), 3u);
+  EXPECT_EQ(sub->offset(), 1u);  // the packet's offsets
+  EXPECT_EQ(sub->readU16Be(), 0x0203);
+  EXPECT_EQ(sub->readU8(), 0);  // the parent's next byte is beyond the part
+  EXPECT_TRUE(sub->overrun());
+  EXPECT_EQ(r.readU8(), 4);
 }
 
 TEST(Cursor, WritesBigEndianAndRefusesToOverrun) {
