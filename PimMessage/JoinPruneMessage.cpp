@@ -1,5 +1,6 @@
 #include "PimMessage/JoinPruneMessage.h"
 
+#include <array>
 #include <vector>
 
 #include "PimMessage/EncodedAddress.h"
@@ -9,69 +10,83 @@
 namespace Routing::Pim::Packet {
 namespace {
 
+using T = JoinPruneText;
+
+// ---- Failure texts ----
+constexpr std::array<TextRow<JoinPruneText>, 36> texts{{
+    {T::headerParse, "Invalid Pim Join/Prune - Header - Parse Error"},
+    {T::upstreamParse, "Invalid Pim Join/Prune - Upstream Neighbor Address - Parse Error"},
+    {T::upstreamFamily, "Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Family - Family: "},
+    {T::upstreamInvalid, "Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Address: "},
+    {T::infoLength, "Invalid Pim Join/Prune - J/P Info Length - Remaining: "},
+    {T::groupParse, "Invalid Pim Join/Prune - Group Address - Parse Error"},
+    {T::numSources, "Invalid Pim Join/Prune - Number of Sources - Remaining: "},
+    {T::joinedSourceParse, "Invalid Pim Join/Prune - Joined Source Address - Parse Error"},
+    {T::prunedSourceParse, "Invalid Pim Join/Prune - Pruned Source Address - Parse Error"},
+    {T::wcWithoutRpt, "Invalid Pim Join/Prune - WC set, RPT cleared"},
+    {T::multipleStarG, "Invalid Pim Join/Prune Source - Received multiple (*,G) join sources. Removing [RP: "},
+    {T::starGJoinAndPrune, "Invalid Pim Join/Prune Source - Received (*,G) join and prune source. Removing (*,G) join [RP: "},
+    {T::source, "Invalid Pim Join/Prune Source - Source "},
+    {T::zeroSources, "Invalid Pim Join/Prune - Zero Num Sources In Group "},
+    {T::endOfMessage, "Invalid Pim Join/Prune - End of Message - Remaining: "},
+    {T::zeroValidGroups, "Invalid Pim Join/Prune - Zero Valid Num Groups"},
+    {T::writeFamily, "Invalid Pim Join/Prune - Unsupported Address Family - Af: "},
+    {T::mtuBiggerThanBuffer, "Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: "},
+    {T::writeHeaderSpace, "Invalid Pim Join/Prune - Header - Unavailable Space - Remaining: "},
+    {T::writeUpstreamFamily, "Invalid Pim Join/Prune - Invalid Family - Family: "},
+    {T::writeUpstream, "Invalid Pim Join/Prune - Upstream Neighbor Address - Write Error"},
+    {T::writeInfoSpace, "Invalid Pim Join/Prune - J/P Info - Unavailable Space - Remaining: "},
+    {T::invalidBookmark, "Invalid bookmark in Pim Join/Prune - Group Address Family: "},
+    {T::insufficientMtu, "Invalid Pim Join/Prune - Insufficient MTU Size - Remaining: "},
+    {T::writeGroup, "Pim Join/Prune - Group Address - Write Error"},
+    {T::numSourcesSpace, "Invalid Pim Join/Prune - Num Sources - Unavailable Space - Remaining: "},
+    {T::entryFamily, "Pim Join/Prune - Invalid Family - Family: "},
+    {T::periodicStarGPrune, "Invalid Pim Join/Prune - Periodic (*,G)-Prune"},
+    {T::zeroGroups, "Invalid Pim Join/Prune - Zero Num Groups"},
+    {T::writeHeader, "Invalid Pim Join/Prune - Header - Write Error"},
+    {T::readBack, "Invalid Pim Join/Prune - Debug Error - Read Error On TX Packet"},
+    {T::joinedRptWrite, "Pim Join/Prune - Joined Rpt Source Address - Write Error"},
+    {T::joinedWrite, "Pim Join/Prune - Joined Source Address - Write Error"},
+    {T::starGRpWrite, "Invalid Pim Join/Prune - (*,G) RP Address - Write Error"},
+    {T::prunedRptWrite, "Pim Join/Prune - Pruned Rpt Source Address - Write Error"},
+    {T::prunedWrite, "Pim Join/Prune - Pruned Source Address - Write Error"},
+}};
+static_assert(rowsInOrder(texts));
+
+constexpr std::string_view text(T row) { return texts[static_cast<size_t>(row)].text; }
+
 // ---- Decoder texts ----
-constexpr const char* kHeaderParse = "Invalid Pim Join/Prune - Header - Parse Error";
-constexpr const char* kUpstreamParse = "Invalid Pim Join/Prune - Upstream Neighbor Address - Parse Error";
-constexpr const char* kUpstreamFamily = "Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Family - Family: ";
-constexpr const char* kUpstreamInvalid = "Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Address: ";
-constexpr const char* kInfoLength = "Invalid Pim Join/Prune - J/P Info Length - Remaining: ";
-constexpr const char* kGroupParse = "Invalid Pim Join/Prune - Group Address - Parse Error";
 constexpr const char* kGroupFamily = "Warning: Pim Join/Prune - Group Address - Mismatch in Address Family: ";
 constexpr const char* kGroupInvalid = "Warning: Pim Join/Prune - Group Address - Skipping Invalid Prefix: ";
 constexpr const char* kGroupBoundary = "Filtered: Pim Join/Prune - Multicast Boundary - Filtered Group Address: ";
 constexpr const char* kBidirFilter = "Pim Join/Prune - Bidirectional Filter - Filtered Group Address: ";
-constexpr const char* kNumSources = "Invalid Pim Join/Prune - Number of Sources - Remaining: ";
 constexpr const char* kSourceFamily = "Warning: Pim Join/Prune - Source Address - Mismatch in Address Family: ";
-constexpr const char* kWcWithoutRpt = "Invalid Pim Join/Prune - WC set, RPT cleared";
-constexpr const char* kMultipleStarG = "Invalid Pim Join/Prune Source - Received multiple (*,G) join sources. Removing [RP: ";
-constexpr const char* kStarGJoinAndPrune =
-    "Invalid Pim Join/Prune Source - Received (*,G) join and prune source. Removing (*,G) join [RP: ";
-constexpr const char* kSource = "Invalid Pim Join/Prune Source - Source ";
 constexpr const char* kBothSgRpt = " is both joined and pruned (S,G,rpt) source.  Only processing it as a pruned (S,G,rpt) source.";
 constexpr const char* kBothSgAndSgRpt =
     " is both joined (S,G) source and pruned (S,G,rpt) source. Only processing it as a (S,G) source.";
 constexpr const char* kBothSg = " is both joined and pruned (S,G) source.  Only processing  it as a pruned (S,G) source.";
-constexpr const char* kZeroSources = "Invalid Pim Join/Prune - Zero Num Sources In Group ";
-constexpr const char* kEndOfMessage = "Invalid Pim Join/Prune - End of Message - Remaining: ";
-constexpr const char* kZeroValidGroups = "Invalid Pim Join/Prune - Zero Valid Num Groups";
 
 // Joined and pruned lists differ in their texts only.
 struct SideTexts {
-  const char* parse;
+  T parse;
   const char* invalid;
 };
-constexpr SideTexts joinedTexts{"Invalid Pim Join/Prune - Joined Source Address - Parse Error",
+constexpr SideTexts joinedTexts{T::joinedSourceParse,
                                 "Warning: Pim Join/Prune - Joined Source Address - Skipping Invalid Address: "};
-constexpr SideTexts prunedTexts{"Invalid Pim Join/Prune - Pruned Source Address - Parse Error",
+constexpr SideTexts prunedTexts{T::prunedSourceParse,
                                 "Warning: Pim Join/Prune - Pruned Source Address - Skipping Invalid Address: "};
 
 // ---- Encoder texts ----
-constexpr const char* kWriteFamily = "Invalid Pim Join/Prune - Unsupported Address Family - Af: ";
-constexpr const char* kMtuBiggerThanBuffer = "Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: ";
-constexpr const char* kWriteHeaderSpace = "Invalid Pim Join/Prune - Header - Unavailable Space - Remaining: ";
-constexpr const char* kWriteUpstreamFamily = "Invalid Pim Join/Prune - Invalid Family - Family: ";
-constexpr const char* kWriteUpstream = "Invalid Pim Join/Prune - Upstream Neighbor Address - Write Error";
-constexpr const char* kWriteInfoSpace = "Invalid Pim Join/Prune - J/P Info - Unavailable Space - Remaining: ";
-constexpr const char* kInvalidBookmark = "Invalid bookmark in Pim Join/Prune - Group Address Family: ";
 constexpr const char* kBookmarkProcessed = "Bookmark processed and deleted. ";
 constexpr const char* kProcessingGroup = "Processing Group ";
 constexpr const char* kNoSourcesInGroup = "Pim Join/Prune - No Sources In Group - Address: ";
 constexpr const char* kWriteBoundary = "Pim Join/Prune - Multicast Boundary - Filtered Group Address: ";
 constexpr const char* kWriteGroupFamily = "Pim Join/Prune - Invalid Family - Family: ";
-constexpr const char* kInsufficientMtu = "Invalid Pim Join/Prune - Insufficient MTU Size - Remaining: ";
 constexpr const char* kReachedMax = "Pim Join/Prune - Reached Max Mtu or Max Group of 255";
 constexpr const char* kBookmarkSet = "Bookmark set. ";
 constexpr const char* kSettingBookmark = "Setting bookmark. ";
-constexpr const char* kWriteGroup = "Pim Join/Prune - Group Address - Write Error";
-constexpr const char* kNumSourcesSpace = "Invalid Pim Join/Prune - Num Sources - Unavailable Space - Remaining: ";
-constexpr const char* kEntryFamily = "Pim Join/Prune - Invalid Family - Family: ";
-constexpr const char* kRpFamily = "Invalid Pim Join/Prune - Invalid Family - Family: ";
-constexpr const char* kPeriodicStarGPrune = "Invalid Pim Join/Prune - Periodic (*,G)-Prune";
 constexpr const char* kPackedRptPrunes = "Packed as many (S,G,rpt) prunes as possible.  Reached max buffer size.";
 constexpr const char* kGroupTakenOut = " - Probably Due to Suppressed Joins";
-constexpr const char* kZeroGroups = "Invalid Pim Join/Prune - Zero Num Groups";
-constexpr const char* kWriteHeader = "Invalid Pim Join/Prune - Header - Write Error";
-constexpr const char* kReadBack = "Invalid Pim Join/Prune - Debug Error - Read Error On TX Packet";
 constexpr const char* kMessageName = "Join/Prune";
 
 constexpr U32 maxGroups = 255;
@@ -85,20 +100,20 @@ enum Collection : int { joinedRpt, joined, starG, prunedRpt, pruned, collections
 
 struct CollectionInfo {
   const char* processing;
-  const char* writeError;
+  T writeError;
   const char* deleting;
   U8 flags;  // written on every source of the collection (the S bit included)
 };
 constexpr CollectionInfo collectionInfo[collections] = {
-    {"Processing (S,G,rpt) Joined Collection.", "Pim Join/Prune - Joined Rpt Source Address - Write Error",
+    {"Processing (S,G,rpt) Joined Collection.", T::joinedRptWrite,
      "Deleting Joined Rpt Source - Group: ", U8(sparseBit | rptBit)},
-    {"Processing (S,G) Joined Collection.", "Pim Join/Prune - Joined Source Address - Write Error",
+    {"Processing (S,G) Joined Collection.", T::joinedWrite,
      "Deleting Joined Source - Group: ", sparseBit},
-    {"Processing (*,G).", "Invalid Pim Join/Prune - (*,G) RP Address - Write Error",
+    {"Processing (*,G).", T::starGRpWrite,
      "Deleting (*,G) RP Address - Group: ", U8(sparseBit | wcBit | rptBit)},
-    {"Processing (S,G,rpt) Pruned Collection.", "Pim Join/Prune - Pruned Rpt Source Address - Write Error",
+    {"Processing (S,G,rpt) Pruned Collection.", T::prunedRptWrite,
      "Deleting Pruned Rpt Source - Group: ", U8(sparseBit | rptBit)},
-    {"Processing (S,G) Pruned Collection.", "Pim Join/Prune - Pruned Source Address - Write Error",
+    {"Processing (S,G) Pruned Collection.", T::prunedWrite,
      "Deleting Pruned Source - Group: ", sparseBit},
 };
 
@@ -125,6 +140,8 @@ class TraceMute {
 
 }  // namespace
 
+std::string_view textOf(JoinPruneText row) { return text(row); }
+
 JoinPruneMessage::JoinPruneMessage() : Message(Knet::pimJoinPrune()) {}
 
 Loom::Ptr<JoinPruneMessage> joinPruneMessageFactory() { return new JoinPruneMessage; }
@@ -134,30 +151,27 @@ Loom::Ptr<JoinPruneMessage> joinPruneMessageFactory() { return new JoinPruneMess
 U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset,
                                            const Loom::Ptr<Boundary::IntfBoundary>& intfBoundary) {
   if (readHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kHeaderParse);
-    return 0;
+    return PIM_FAIL(T::headerParse);
   }
   EncodedUnicastAddress upstream;
   const U32 upLen = upstream.readUnicastAddress(pkt, offset + 4);
   if (upLen == 0) {
-    PIM_TRACE(traceError, kUpstreamParse);
-    return 0;
+    failureIs(upstream.failure());
+    return PIM_FAIL(T::upstreamParse);
   }
   const Knet::AddressFamily family = af();
   if (upstream.address().af() != family) {
-    PIM_TRACE(traceError, kUpstreamFamily << family << "Upstream Address: " << upstream.address());
-    return 0;
+    return PIM_FAIL(T::upstreamFamily, family, "Upstream Address: ", upstream.address());
   }
   if (!upstream.valid()) {
-    PIM_TRACE(traceError, kUpstreamInvalid << upstream.address());
-    return 0;
+    failureIs(upstream.failure());
+    return PIM_FAIL(T::upstreamInvalid, upstream.address());
   }
   const S64 size = pkt->size();
   U64 pos = U64(offset) + 4 + upLen;
   S64 remaining = size - S64(pos);
   if (remaining <= 3) {
-    PIM_TRACE(traceError, kInfoLength << remaining << " Expected: " << 4);
-    return 0;
+    return PIM_FAIL(T::infoLength, remaining, " Expected: ", 4);
   }
   Loom::Ptr<JoinPruneData> data = new JoinPruneData(upstream.address());
   Knet::PktReader r(pkt, static_cast<U32>(pos));
@@ -169,6 +183,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
 
   Report report;
   U32 validGroups = 0;
+  bidirFilteredGroups_ = 0;
   EncodedGroupAddress encGroup;
   EncodedSourceAddress encSource;
   data->joinPruneGroupData().reserve(numGroups);
@@ -184,8 +199,8 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     if (groupLen == 0) {
       groupLen = encGroup.readGroupAddress(pkt, static_cast<U32>(pos));
       if (groupLen == 0) {
-        PIM_TRACE(traceError, kGroupParse);
-        return 0;
+        failureIs(encGroup.failure());
+        return PIM_FAIL(T::groupParse);
       }
       groupRead = GroupAddress{encGroup.prefix().address(), encGroup.flags()};
       if (groupRead.address.af() != family) {
@@ -202,6 +217,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
       PIM_TRACE(traceFilter, kGroupBoundary << groupAddr);
       filtered = true;
     } else if (!filtered && groupBidir != bidir_) {
+      ++bidirFilteredGroups_;
       PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << groupBidir
                                           << " Msg Bidirectional Support: " << bidir_);
       filtered = true;
@@ -220,8 +236,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     pos += groupLen;
     remaining -= groupLen;
     if (remaining < 4) {
-      PIM_TRACE(traceError, kNumSources << remaining << " Expected: " << 4);
-      return 0;
+      return PIM_FAIL(T::numSources, remaining, " Expected: ", 4);
     }
     r = Knet::PktReader(pkt, static_cast<U32>(pos));
     const U16 numJoined = r.readU16Be();
@@ -242,8 +257,8 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
         const SideTexts& texts = join ? joinedTexts : prunedTexts;
         const U32 sourceLen = encSource.readSourceAddress(pkt, static_cast<U32>(pos));
         if (sourceLen == 0) {
-          PIM_TRACE(traceError, texts.parse);
-          return 0;
+          failureIs(encSource.failure());
+          return PIM_FAIL(texts.parse);
         }
         pos += sourceLen;
         remaining -= sourceLen;
@@ -261,7 +276,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
       const Knet::IpGenAddr& s = source.address;
       const SourceFlags flags = source.flags;
       if (flags.wc() && !flags.rpt()) {
-        PIM_TRACE(traceError, kWcWithoutRpt);
+        PIM_TRACE(traceError, text(T::wcWithoutRpt));
         continue;
       }
       // The group's (*,G) entry so far. Within one record the joins come before the prunes, so
@@ -272,12 +287,12 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
       if (join) {
         if (flags.isStarG()) {
           if (starGPrune) {
-            PIM_TRACE(traceError, kStarGJoinAndPrune << s << "] and using (*,G) prune [RP: " << wc->rp << "]");
+            PIM_TRACE(traceError, text(T::starGJoinAndPrune) << s << "] and using (*,G) prune [RP: " << wc->rp << "]");
             ++report.suppressed;
             continue;
           }
           if (wc) {
-            PIM_TRACE(traceError, kMultipleStarG << wc->rp << "] and using [RP: " << s << "]");
+            PIM_TRACE(traceError, text(T::multipleStarG) << wc->rp << "] and using [RP: " << s << "]");
             ++report.suppressed;
           }
           group.wcSourceDataIs(s, true);
@@ -288,17 +303,17 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
           if (starGJoin || starGPrune) {
             ++report.suppressed;
           } else if (group.prunedRptSourceHas(s)) {
-            PIM_TRACE(traceError, kSource << s << kBothSgRpt);
+            PIM_TRACE(traceError, text(T::source) << s << kBothSgRpt);
             ++report.suppressed;
           } else {
             group.joinedRptSourceIs(s);
           }
         } else if (group.prunedSource().contains(s)) {
-          PIM_TRACE(traceError, kSource << s << kBothSg);
+          PIM_TRACE(traceError, text(T::source) << s << kBothSg);
           ++report.suppressed;
         } else {
           if (group.prunedRptSourceHas(s)) {
-            PIM_TRACE(traceError, kSource << s << kBothSgAndSgRpt);
+            PIM_TRACE(traceError, text(T::source) << s << kBothSgAndSgRpt);
             ++report.suppressed;
             group.prunedRptSourceDel(s);
           }
@@ -308,7 +323,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
       }
       if (flags.isStarG()) {
         if (const auto& old = group.wcSourceData(); old && old->join) {
-          PIM_TRACE(traceError, kStarGJoinAndPrune << old->rp << "] and using (*,G) prune [RP: " << s << "]");
+          PIM_TRACE(traceError, text(T::starGJoinAndPrune) << old->rp << "] and using (*,G) prune [RP: " << s << "]");
           ++report.suppressed;
         }
         group.wcSourceDataIs(s, false);
@@ -323,18 +338,18 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
         }
         group.prunedRptSourceIs(s);
         if (group.joinedRptSourceDel(s)) {
-          PIM_TRACE(traceError, kSource << s << kBothSgRpt);
+          PIM_TRACE(traceError, text(T::source) << s << kBothSgRpt);
           ++report.suppressed;
         }
         if (group.joinedSource().contains(s)) {
-          PIM_TRACE(traceError, kSource << s << kBothSgAndSgRpt);
+          PIM_TRACE(traceError, text(T::source) << s << kBothSgAndSgRpt);
           ++report.suppressed;
           group.prunedRptSourceDel(s);
         }
       } else {
         group.prunedSourceIs(s);
         if (group.joinedSourceDel(s)) {
-          PIM_TRACE(traceError, kSource << s << kBothSg);
+          PIM_TRACE(traceError, text(T::source) << s << kBothSg);
           ++report.suppressed;
         }
       }
@@ -342,7 +357,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
 
     const U32 routes = group.routes();
     if (routes == 0) {
-      PIM_TRACE(traceError, kZeroSources << groupAddr);
+      PIM_TRACE(traceError, text(T::zeroSources) << groupAddr);
       filtered = true;
     }
     if (filtered) {
@@ -359,12 +374,10 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
   joinPruneData_ = data;
   if (validGroups == 0) {
     PIM_TRACE(traceError, report.processed << ", " << report.suppressed << ", " << report.filtered);
-    PIM_TRACE(traceError, kZeroValidGroups);
-    return 0;
+    return PIM_FAIL(T::zeroValidGroups);
   }
   if (remaining != 0) {
-    PIM_TRACE(traceError, kEndOfMessage << remaining);
-    return 0;
+    return PIM_FAIL(T::endOfMessage, remaining);
   }
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
   return static_cast<U32>(pos - offset);
@@ -424,6 +437,7 @@ struct Packer {
 
 U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset,
                                             const Loom::Ptr<Boundary::IntfBoundary>& intfBoundary) {
+  failureClear();
   report_ = Report();
   LOOM_ASSERT(joinPruneData_, "joinPruneData");
   JoinPruneData& data = *joinPruneData_;
@@ -435,40 +449,33 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
   } else if (family == Knet::AddressFamily::ipv6) {
     room = S64(mtu_) - 40;
   } else {
-    PIM_TRACE(traceError, kWriteFamily << family);
-    return 0;
+    return PIM_FAIL(T::writeFamily, family);
   }
   room = room / 8 * 8;  // a multiple of 8, toward zero, for both families
   if (buffer < room) {
-    PIM_TRACE(traceError, kMtuBiggerThanBuffer << room << " Buffer: " << buffer);
-    return 0;
+    return PIM_FAIL(T::mtuBiggerThanBuffer, room, " Buffer: ", buffer);
   }
   if (room <= 3) {
-    PIM_TRACE(traceError, kWriteHeaderSpace << room);
-    return 0;
+    return PIM_FAIL(T::writeHeaderSpace, room);
   }
   if (data.upstream().af() != family) {
-    PIM_TRACE(traceError, kWriteUpstreamFamily << data.upstream().af() << " Upstream Address: " << data.upstream());
-    return 0;
+    return PIM_FAIL(T::writeUpstreamFamily, data.upstream().af(), " Upstream Address: ", data.upstream());
   }
   EncodedUnicastAddress upstream;
   upstream.addressIs(data.upstream());
   const U32 upLen = upstream.writeUnicastAddress(pkt, offset + 4);
   if (upLen == 0) {
-    PIM_TRACE(traceError, kWriteUpstream);
-    return 0;
+    failureIs(upstream.failure());
+    return PIM_FAIL(T::writeUpstream);
   }
   Packer p(pkt, data, family, offset + 4 + upLen, room - 4 - upLen);
   if (p.remaining < 4) {
-    PIM_TRACE(traceError, kWriteInfoSpace << p.remaining << " Expected: " << 4);
-    return 0;
+    return PIM_FAIL(T::writeInfoSpace, p.remaining, " Expected: ", 4);
   }
   const U32 groupCountAt = p.pos + 1;
-  {
-    Knet::PktWriter w(pkt, p.pos);
-    w.writeU8(data.reserved2());
-    w.writeU8(0);
-    w.writeU16Be(data.holdTime());
+  // The group count is filled in at the end.
+  if (Knet::PktWriter w(pkt, p.pos); !w.writeU8(data.reserved2()) || !w.writeU8(0) || !w.writeU16Be(data.holdTime())) {
+    return PIM_FAIL(T::writeInfoSpace, p.remaining, " Expected: ", 4);
   }
   p.pos += 4;
   p.remaining -= 4;
@@ -477,7 +484,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
   auto groupIt = data.joinPruneGroupData().begin();
   Loom::Ptr<JoinPruneData::Bookmark> resume = data.bookmark();
   if (resume && !resume->group.isSet()) {
-    PIM_TRACE(traceError, kInvalidBookmark << resume->group.af() << " - Ignoring and Deleting Bookmark");
+    PIM_TRACE(traceError, text(T::invalidBookmark) << resume->group.af() << " - Ignoring and Deleting Bookmark");
     data.bookmarkDel();
     resume = nullptr;
   }
@@ -535,8 +542,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     const S64 need = 2 * S64(p.encSize) + 4;
     if (p.groups >= maxGroups || p.remaining < need) {
       if (p.sources == 0) {
-        PIM_TRACE(traceError, kInsufficientMtu << p.remaining << " Minimum Expected: " << need);
-        return 0;
+        return PIM_FAIL(T::insufficientMtu, p.remaining, " Minimum Expected: ", need);
       }
       PIM_TRACE(tracePacking, kReachedMax);
       p.bookmarkAtGroup(groupAddr);
@@ -551,7 +557,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     encGroup.flagsIs(GroupFlags(group.groupFlags()));
     const U32 groupLen = encGroup.writeGroupAddress(pkt, p.pos);
     if (groupLen == 0) {
-      PIM_TRACE(traceError, kWriteGroup);
+      PIM_TRACE(traceError, text(T::writeGroup));
       std::ostringstream g;
       g << groupAddr;
       PIM_MESSAGE_INVALID_ENCODED_GROUP.raise({kMessageName, g.str()});
@@ -563,8 +569,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     p.pos += groupLen;
     p.remaining -= groupLen;
     if (p.remaining < 4) {
-      PIM_TRACE(traceError, kNumSourcesSpace << p.remaining << " Expected: " << 4);
-      return 0;
+      return PIM_FAIL(T::numSourcesSpace, p.remaining, " Expected: ", 4);
     }
     const U32 countsAt = p.pos;
     p.pos += 4;
@@ -577,7 +582,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     auto packEntry = [&](Collection collection, const Knet::IpGenAddr& s) -> Packed {
       const CollectionInfo& info = collectionInfo[collection];
       if (s.af() != family) {
-        PIM_TRACE(traceError, kEntryFamily << s.af() << " Source Address: " << s);
+        PIM_TRACE(traceError, text(T::entryFamily) << s.af() << " Source Address: " << s);
         std::ostringstream f, a;
         f << family;  // the message's family: "send ipv4 Join/Prune message with <ipv6 address>"
         a << s;
@@ -601,7 +606,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
       }
       const U32 n = p.writeSource(s, info.flags);
       if (n == 0) {
-        PIM_TRACE(traceError, info.writeError);
+        PIM_TRACE(traceError, text(info.writeError));
         std::ostringstream a;
         a << s;
         PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
@@ -625,7 +630,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
         const JoinPruneGroupData::WcSourceData wc = *group.wcSourceData();
         LOOM_ASSERT(!(group.periodicPrunedRptGroupData() && p.periodic), "not data->periodic()");
         if (wc.rp.af() != family) {
-          PIM_TRACE(traceError, kRpFamily << wc.rp.af() << " (*,G) RP Address: " << wc.rp);
+          PIM_TRACE(traceError, text(T::writeUpstreamFamily) << wc.rp.af() << " (*,G) RP Address: " << wc.rp);
           std::ostringstream f, a;
           f << family;
           a << wc.rp;
@@ -640,7 +645,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
           continue;
         }
         if (p.periodic && !wc.join) {
-          PIM_TRACE(traceError, kPeriodicStarGPrune);
+          PIM_TRACE(traceError, text(T::periodicStarGPrune));
           ++p.report.filtered;
           continue;
         }
@@ -652,7 +657,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
         }
         const U32 n = p.writeSource(wc.rp, info.flags);
         if (n == 0) {
-          PIM_TRACE(traceError, info.writeError);
+          PIM_TRACE(traceError, text(info.writeError));
           std::ostringstream a;
           a << wc.rp;
           PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
@@ -715,24 +720,23 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
       p.remaining = remainingAtGroup;
       continue;
     }
-    Knet::PktWriter w(pkt, countsAt);
-    w.writeU16Be(static_cast<U16>(joinedCount));
-    w.writeU16Be(static_cast<U16>(prunedCount));
+    if (Knet::PktWriter w(pkt, countsAt);
+        !w.writeU16Be(static_cast<U16>(joinedCount)) || !w.writeU16Be(static_cast<U16>(prunedCount))) {
+      return PIM_FAIL(T::numSourcesSpace, p.remaining, " Expected: ", 4);
+    }
     ++p.groups;
   }
 
   LOOM_ASSERT(!data.bookmark() || data.bookmark()->group.isSet(), "invalid bookmark");
   if (p.groups == 0) {
-    PIM_TRACE(traceError, kZeroGroups);
     report_ = Report{0, p.report.suppressed, p.report.filtered};
-    return 0;
+    return PIM_FAIL(T::zeroGroups);
   }
   pkt->data()[groupCountAt] = static_cast<U8>(p.groups);
   lengthIs(p.pos - offset);
   if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kWriteHeader);
     data.bookmarkDel();
-    return 0;
+    return PIM_FAIL(T::writeHeader);
   }
   if (traceUnit().enabled(traceDetail)) {
     // Read the packet back and trace what a receiver will see.
@@ -747,7 +751,7 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
       read = back->readJoinPruneMessage(pkt, offset, intfBoundary);
     }
     if (read == 0) {
-      PIM_TRACE(traceError, kReadBack);
+      PIM_TRACE(traceError, text(T::readBack));
       data.bookmarkDel();
     } else {
       PIM_TRACE(traceDetail, "TX: <PIM " << back.ptr() << ">");

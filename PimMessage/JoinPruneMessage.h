@@ -18,6 +18,50 @@ using Routing::Pim::JoinPruneData;
 using Routing::Pim::JoinPruneGroupData;
 using Routing::Pim::RptPrunedGroupData;
 
+// The rows of the Join/Prune text table: the failures of a read or write, and the entries that
+// a read or write drops while it goes on.
+enum class JoinPruneText : U8 {
+  headerParse,
+  upstreamParse,
+  upstreamFamily,
+  upstreamInvalid,
+  infoLength,
+  groupParse,
+  numSources,
+  joinedSourceParse,
+  prunedSourceParse,
+  wcWithoutRpt,
+  multipleStarG,
+  starGJoinAndPrune,
+  source,
+  zeroSources,
+  endOfMessage,
+  zeroValidGroups,
+  writeFamily,
+  mtuBiggerThanBuffer,
+  writeHeaderSpace,
+  writeUpstreamFamily,
+  writeUpstream,
+  writeInfoSpace,
+  invalidBookmark,
+  insufficientMtu,
+  writeGroup,
+  numSourcesSpace,
+  entryFamily,
+  periodicStarGPrune,
+  zeroGroups,
+  writeHeader,
+  readBack,
+  joinedRptWrite,
+  joinedWrite,
+  starGRpWrite,
+  prunedRptWrite,
+  prunedWrite,
+};
+template <>
+inline constexpr TextTable textTableOf<JoinPruneText> = TextTable::joinPrune;
+std::string_view textOf(JoinPruneText row);
+
 class JoinPruneMessage : public Message {
  public:
   // What a read or write did with the entries: written or accepted, left out by suppression or
@@ -42,6 +86,9 @@ class JoinPruneMessage : public Message {
   bool bidir() const { return bidir_; }
   void bidirIs(bool v) { bidir_ = v; }
   const Report& report() const { return report_; }
+  // The groups that the last read dropped because their B flag did not match bidir(): a message
+  // read in the wrong mode keeps none of its groups.
+  U32 bidirFilteredGroups() const { return bidirFilteredGroups_; }
   void reportIs(const Report& v) { report_ = v; }
 
   // Reads the message at offset into a new tree: bytes read, or 0 on failure. `intfBoundary`
@@ -59,6 +106,7 @@ class JoinPruneMessage : public Message {
   U32 mtu_ = 1500;
   bool bidir_ = false;
   Report report_;
+  U32 bidirFilteredGroups_ = 0;
 };
 
 Loom::Ptr<JoinPruneMessage> joinPruneMessageFactory();

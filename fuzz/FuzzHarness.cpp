@@ -7,13 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "PimMessage/AssertMessage.h"
-#include "PimMessage/BootstrapMessage.h"
-#include "PimMessage/CrpAdvMessage.h"
-#include "PimMessage/DfElectionMessage.h"
-#include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
-#include "PimMessage/RegisterMessage.h"
+#include "PimMessage/MessageTable.h"
 #include "knet/Checksum.h"
 #include "knet/PimHdr.h"
 #include "loom/Exception.h"
@@ -36,60 +31,16 @@ constexpr U32 writeRoom = 70000;
   std::abort();
 }
 
-// The message for the type byte (and for DF election, the subtype in the reserved byte).
-Loom::Ptr<Message> messageFor(U8 typeByte, U8 reserved) {
-  switch (typeByte & 0x0f) {
-    case 0: return new HelloMessage;
-    case 1: return new RegisterMessage;
-    case 2: return new RegisterStopMessage;
-    case 3: {
-      Loom::Ptr<JoinPruneMessage> m = new JoinPruneMessage;
-      m->mtuIs(writeRoom);
-      return m;
-    }
-    case 4: return new BootstrapMessage;
-    case 5: return new AssertMessage;
-    case 8: return new CrpAdvMessage;
-    case 10:
-      switch (reserved >> 4) {
-        case 1: return new DfElectionOfferMessage;
-        case 2: return new DfElectionWinnerMessage;
-        case 3: return new DfElectionBackoffMessage;
-        case 4: return new DfElectionPassMessage;
-        default: return new DfElectionMessage;
-      }
-    default: return nullptr;
-  }
+// The class of a message by its type byte and, for DF election, the subtype in its reserved byte,
+// from the codec's table; null for a type or subtype without one.
+const MessageClass* classFor(U8 typeByte, U8 reserved) {
+  return messageClassOf(Knet::PimMessageType(static_cast<U8>(0x20 | (typeByte & 0x0f))), reserved).row;
 }
 
-U32 read(Message& m, const PktPtr& p) {
-  if (auto* x = dynamic_cast<HelloMessage*>(&m)) return x->readHelloMessage(p, 0);
-  if (auto* x = dynamic_cast<RegisterMessage*>(&m)) return x->readRegisterMessage(p, 0);
-  if (auto* x = dynamic_cast<RegisterStopMessage*>(&m)) return x->readRegisterStopMessage(p, 0);
-  if (auto* x = dynamic_cast<JoinPruneMessage*>(&m)) return x->readJoinPruneMessage(p, 0, nullptr);
-  if (auto* x = dynamic_cast<BootstrapMessage*>(&m)) return x->readBootstrapMessage(p, 0);
-  if (auto* x = dynamic_cast<AssertMessage*>(&m)) return x->readAssertMessage(p, 0);
-  if (auto* x = dynamic_cast<CrpAdvMessage*>(&m)) return x->readCrpAdvMessage(p, 0);
-  if (auto* x = dynamic_cast<DfElectionOfferMessage*>(&m)) return x->readDfElectionOfferMessage(p, 0);
-  if (auto* x = dynamic_cast<DfElectionWinnerMessage*>(&m)) return x->readDfElectionWinnerMessage(p, 0);
-  if (auto* x = dynamic_cast<DfElectionBackoffMessage*>(&m)) return x->readDfElectionBackoffMessage(p, 0);
-  if (auto* x = dynamic_cast<DfElectionPassMessage*>(&m)) return x->readDfElectionPassMessage(p, 0);
-  return dynamic_cast<DfElectionMessage&>(m).readDfElectionMessage(p, 0);
-}
-
-U32 write(Message& m, const PktPtr& p) {
-  if (auto* x = dynamic_cast<HelloMessage*>(&m)) return x->writeHelloMessage(p, 0);
-  if (auto* x = dynamic_cast<RegisterMessage*>(&m)) return x->writeRegisterMessage(p, 0);
-  if (auto* x = dynamic_cast<RegisterStopMessage*>(&m)) return x->writeRegisterStopMessage(p, 0);
-  if (auto* x = dynamic_cast<JoinPruneMessage*>(&m)) return x->writeJoinPruneMessage(p, 0, nullptr);
-  if (auto* x = dynamic_cast<BootstrapMessage*>(&m)) return x->writeBootstrapMessage(p, 0);
-  if (auto* x = dynamic_cast<AssertMessage*>(&m)) return x->writeAssertMessage(p, 0);
-  if (auto* x = dynamic_cast<CrpAdvMessage*>(&m)) return x->writeCrpAdvMessage(p, 0);
-  if (auto* x = dynamic_cast<DfElectionOfferMessage*>(&m)) return x->writeDfElectionOfferMessage(p, 0);
-  if (auto* x = dynamic_cast<DfElectionWinnerMessage*>(&m)) return x->writeDfElectionWinnerMessage(p, 0);
-  if (auto* x = dynamic_cast<DfElectionBackoffMessage*>(&m)) return x->writeDfElectionBackoffMessage(p, 0);
-  if (auto* x = dynamic_cast<DfElectionPassMessage*>(&m)) return x->writeDfElectionPassMessage(p, 0);
-  return dynamic_cast<DfElectionMessage&>(m).writeDfElectionMessage(p, 0);
+Loom::Ptr<Message> create(const MessageClass& c) {
+  Loom::Ptr<Message> m = c.create();
+  if (auto* jp = dynamic_cast<JoinPruneMessage*>(m.ptr())) jp->mtuIs(writeRoom);
+  return m;
 }
 
 struct Target {
@@ -189,8 +140,9 @@ void fuzzOne(std::string_view target, const U8* data, size_t size) {
   if (data[0] & 2) fixChecksum(bytes, src, dst);
   const U8 typeByte = bytes.empty() ? 0 : bytes[0];
   const U8 reserved = bytes.size() > 1 ? bytes[1] : 0;
-  const Loom::Ptr<Message> m = messageFor(t->type < 0 ? typeByte : static_cast<U8>(t->type), reserved);
-  if (!m) return;  // a type without a reader
+  const MessageClass* cls = classFor(t->type < 0 ? typeByte : static_cast<U8>(t->type), reserved);
+  if (!cls) return;  // a type without a reader
+  const Loom::Ptr<Message> m = create(*cls);
   m->srcIpIs(src);
   m->dstIpIs(dst);
 
@@ -200,7 +152,7 @@ void fuzzOne(std::string_view target, const U8* data, size_t size) {
   {
     Loom::TraceCapture cap(1);
     try {
-      n = read(*m, pkt);
+      n = cls->read(*m, pkt, 0, nullptr);
     } catch (const Loom::RangeException& e) {
       // The one failure that is thrown: a value outside a bound of the library.
       if (std::string_view(e.what()).empty()) violated("a range exception without a text", hex(bytes.data(), bytes.size()));
@@ -219,7 +171,7 @@ void fuzzOne(std::string_view target, const U8* data, size_t size) {
   U32 written = 0;
   {
     Loom::TraceCapture cap(1);
-    written = write(*m, out);
+    written = cls->write(*m, out, 0, nullptr);
     if (written == 0) {
       if (refusedOnPurpose(cap)) return;
       std::string why;
@@ -229,13 +181,15 @@ void fuzzOne(std::string_view target, const U8* data, size_t size) {
   }
   out->sizeIs(written);
   const std::vector<U8> encoded(out->data(), out->data() + written);
-  const Loom::Ptr<Message> again = messageFor(encoded[0], encoded[1]);
+  const MessageClass* againCls = classFor(encoded[0], encoded[1]);
+  if (againCls != cls) violated("what was encoded reads as another class", first + "\n" + hex(encoded.data(), encoded.size()));
+  const Loom::Ptr<Message> again = create(*againCls);
   again->srcIpIs(src);
   again->dstIpIs(dst);
   U32 readAgain = 0;
   {
     Loom::TraceCapture cap(1);
-    readAgain = read(*again, Knet::pktFactory(encoded));
+    readAgain = cls->read(*again, Knet::pktFactory(encoded), 0, nullptr);
     if (readAgain != written) {
       std::string why;
       for (const auto& l : cap.lines()) why += l.text + "\n";
@@ -244,7 +198,7 @@ void fuzzOne(std::string_view target, const U8* data, size_t size) {
   }
   if (textOf(*again) != first) violated("the message read back differs", first + "\n" + textOf(*again));
   const PktPtr out2 = Knet::pktFactory(writeRoom);
-  const U32 written2 = write(*again, out2);
+  const U32 written2 = cls->write(*again, out2, 0, nullptr);
   if (written2 != written || std::memcmp(out2->data(), encoded.data(), written) != 0) {
     violated("encoding is not stable", hex(encoded.data(), encoded.size()) + "\n" + hex(out2->data(), written2));
   }

@@ -5,7 +5,7 @@
 
 #include "loom/Exception.h"
 #include "tools/pimio/Capture.h"
-#include "tools/pimio/IpPacket.h"
+#include "knet/IpPacket.h"
 #include "tools/pimio/MessageCodec.h"
 #include "tools/pimio/PacketTrace.h"
 
@@ -13,6 +13,7 @@ namespace Pimio::Cli {
 
 namespace {
 
+using Knet::IpPacket;
 using Routing::Pim::Packet::Message;
 
 constexpr const char* kEmptyPayload = "Missing Pim Header - Empty IP Payload";
@@ -30,12 +31,16 @@ struct Decoded {
   std::vector<std::string> failures;      // failed: why (level-1 texts)
   std::vector<std::string> problems;      // level-1 and level-5 texts, decoded or failed
 
-  // The reason of a failure: the first failure text that is not a note about a dropped entry.
-  const std::string& reason() const {
-    for (const std::string& f : failures) {
-      if (!codec || !codec->isNote || !codec->isNote(f)) return f;
+  // The reason of a failure: the trace line of the failure that the decoder recorded (the first
+  // failure of the read; the other level-1 lines are about entries it dropped and went on).
+  std::string reason() const {
+    if (message && message->failure()) {
+      const std::string_view text = message->failure().text();
+      for (const std::string& f : failures) {
+        if (f.starts_with(text)) return f;
+      }
     }
-    return failures.back();
+    return failures.front();
   }
 
   static Decoded failure(std::string text) {
@@ -51,9 +56,9 @@ struct Decoded {
 void readMessage(Decoded& d, const Loom::Ptr<Knet::Pkt>& pkt) {
   constexpr int kAttempts = 2;
   for (int attempt = 1;; ++attempt) {
-    PacketTrace trace(Routing::Pim::Packet::traceFilter);
+    PacketTrace trace;
     const U32 read = d.codec->read(*d.message, pkt);
-    if (attempt < kAttempts && d.codec->readAgain && d.codec->readAgain(*d.message, read, trace)) continue;
+    if (attempt < kAttempts && d.codec->readAgain && d.codec->readAgain(*d.message, read)) continue;
     d.problems = trace.problems();
     if (read != 0) {
       d.outcome = Decoded::Outcome::decoded;
@@ -70,15 +75,21 @@ Decoded decodeMessage(const IpPacket& ip) {
   if (ip.pim.empty()) return Decoded::failure(kEmptyPayload);
   const Knet::PimMessageType type(ip.pim[0]);
   if (type.version() != 2) return Decoded::failure(kVersion + std::to_string(type.version()));
+  // The class by type and, for DF election, by the subtype in the reserved byte, as the receive
+  // path chooses it.
+  const auto found = Routing::Pim::Packet::messageClassOf(type, ip.pim.size() > 1 ? ip.pim[1] : 0);
+  using Outcome = Routing::Pim::Packet::MessageClassLookup::Outcome;
+  if (found.outcome == Outcome::unsupportedDfElectionType) {
+    return Decoded::failure(std::string(Routing::Pim::Packet::unsupportedDfElectionTypeText));
+  }
   Decoded d;
-  d.codec = codecFor(type);
-  if (!d.codec) {
+  if (found.outcome == Outcome::unsupportedType) {
     d.outcome = Decoded::Outcome::unsupported;
     d.type = type;
     return d;
   }
-  d.message = d.codec->createForReserved ? d.codec->createForReserved(ip.pim.size() > 1 ? ip.pim[1] : 0)
-                                          : d.codec->create();
+  d.codec = &codecFor(*found.row);
+  d.message = found.row->create();
   d.message->srcIpIs(ip.src);
   d.message->dstIpIs(ip.dst);
   readMessage(d, Knet::pktFactory(ip.pim));
@@ -175,7 +186,7 @@ int decodeCapture(const DecodeOptions& options, std::ostream& out, std::ostream&
   Frame frame;
   while (reader->next(frame)) {
     const auto ipBytes = reader->ipPacket(frame);
-    const IpPacket ip = ipBytes ? parseIpPacket(*ipBytes) : IpPacket{};
+    const IpPacket ip = ipBytes ? Knet::parseIpPacket(*ipBytes) : IpPacket{};
     if (ip.kind == IpPacket::Kind::notPim) {
       ++counts.notPim;
       continue;

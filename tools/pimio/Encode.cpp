@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "tools/pimio/Capture.h"
-#include "tools/pimio/IpPacket.h"
+#include "knet/IpPacket.h"
 #include "tools/pimio/MessageCodec.h"
 #include "tools/pimio/PacketTrace.h"
 
@@ -63,14 +63,13 @@ LineResult writePackets(const MessageCodec& codec, Message& message, const Knet:
     if (r.pkts.size() == kMaxPacketsPerLine) {
       return LineResult::failure("the encoder still has more after " + std::to_string(kMaxPacketsPerLine) + " packets");
     }
-    const Loom::Ptr<Knet::Pkt> pkt = Knet::pktFactory(maxPimMessageSize(src.af()));
+    const Loom::Ptr<Knet::Pkt> pkt = Knet::pktFactory(Knet::maxPimMessageSize(src.af()));
     PacketTrace trace(traceFilter);
     const U32 written = codec.write(message, pkt);
+    if (written == 0 && !r.pkts.empty() && codec.drained && message.failure() == codec.drained) break;
     // Failures, and the groups that the encoder filtered (which may be why it had none to write).
     const std::vector<std::string> texts = trace.texts({traceError, traceFilter});
     if (written == 0) {
-      const std::vector<std::string> failures = trace.failures();
-      if (!r.pkts.empty() && !failures.empty() && failures.back() == codec.drained) break;
       return LineResult::failure(texts.empty() ? "encoder failed without a failure text" : joined(texts));
     }
     // What the encoder could not write or filtered, then the log messages it raised.
@@ -78,7 +77,7 @@ LineResult writePackets(const MessageCodec& codec, Message& message, const Knet:
     dropped.insert(dropped.end(), texts.begin(), texts.end());
     dropped.insert(dropped.end(), logs.begin(), logs.end());
     pkt->sizeIs(written);
-    addIpHeader(*pkt, src, dst);
+    Knet::addIpHeader(*pkt, src, dst);
     r.pkts.push_back(pkt);
     std::string stop;
     if (!codec.more || !codec.more(message, stop)) break;
@@ -108,13 +107,11 @@ LineResult encodeLine(const std::string& text) {
     const std::string name = pimType.is_string() ? pimType.get<std::string>() : pimType.dump();
     return LineResult::skip("unsupported message type " + name);
   }
-  const MessageCodec* codec = codecFor(type);
-  if (!codec) return LineResult::failure("type: no encoder for \"" + type + "\"");
+  std::string error;
 
   const Json family = line.value("family", Json());
   if (family != 4 && family != 6) return LineResult::failure("family: expected 4 or 6, got " + family.dump());
   const Knet::AddressFamily af = family == 6 ? Knet::AddressFamily::ipv6 : Knet::AddressFamily::ipv4;
-  std::string error;
   const auto src = addressMember(line, "src", af, nullptr, error);
   if (!src) return LineResult::failure(error);
   const auto dst = addressMember(line, "dst", af, &Knet::allPimRouters(af), error);
@@ -122,7 +119,9 @@ LineResult encodeLine(const std::string& text) {
 
   Json attributes = line;
   for (const char* member : packetMembers) attributes.erase(member);
-  const Loom::Ptr<Message> message = codec->createForLine ? codec->createForLine(attributes) : codec->create();
+  const MessageCodec* codec = codecForLine(type, attributes, error);
+  if (!codec) return LineResult::failure(error);
+  const Loom::Ptr<Message> message = codec->createForLine ? codec->createForLine() : codec->cls->create();
   if (!codec->fromJson(attributes, *message, error)) return LineResult::failure(error);
   message->srcIpIs(*src);
   message->dstIpIs(*dst);

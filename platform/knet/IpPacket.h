@@ -1,13 +1,14 @@
 #pragma once
-// The IP layer around PIM messages: finding the PIM message in a captured IPv4 or IPv6 packet,
-// and putting the IP header in front of an encoded message the way a router sends it.
+// The IP layer around PIM messages: finding the PIM message in a received or captured IPv4 or
+// IPv6 packet (header checks, IPv6 extension headers, fragments), and putting the IP header in
+// front of an encoded message the way a router sends it.
 #include <span>
 #include <string>
 
 #include "knet/Address.h"
 #include "knet/Pkt.h"
 
-namespace Pimio::Cli {
+namespace Knet {
 
 // What a captured IP packet holds.
 struct IpPacket {
@@ -16,9 +17,21 @@ struct IpPacket {
     pim,     // `pim` holds the PIM message
     failed,  // PIM, but the IP layer is broken: `failure` says how
   };
+  // Why the IP layer is broken, for code to test; `failure` has the text for people.
+  enum class Failure {
+    none,
+    headerLength,       // an IPv4 header length below 20 bytes
+    truncatedHeader,    // the IPv4 header runs past the captured bytes
+    checksum,           // a wrong IPv4 header checksum
+    totalLength,        // an IPv4 total length shorter than its header
+    truncated,          // the packet runs past the captured bytes
+    extensionLength,    // IPv6 extension headers longer than the payload
+    fragment,           // a fragment, first or later: not reassembled
+  };
   Kind kind = Kind::notPim;
-  Knet::IpGenAddr src;
-  Knet::IpGenAddr dst;
+  Failure why = Failure::none;
+  IpGenAddr src;
+  IpGenAddr dst;
   std::span<const U8> pim;  // from the PIM header to the end of the IP payload
   std::string failure;
 };
@@ -29,16 +42,16 @@ struct IpPacket {
 // the total length says; Ethernet padding behind it is not part of the message. IPv6: the
 // hop-by-hop, routing, destination options, fragment and authentication headers are skipped
 // until the next header is PIM. A fragment of a PIM packet (IPv4 or IPv6, first or later) is
-// reported as failed, since the tool does not reassemble. A packet whose headers claim more
+// reported as failed, since nothing here reassembles. A packet whose headers claim more
 // bytes than were captured is reported as failed ("Truncated capture"), never decoded in part.
 IpPacket parseIpPacket(std::span<const U8> bytes);
 
 // Puts an IPv4 header (TOS 192, TTL 1, id 0, no fragment flags) or an IPv6 header (traffic class
 // 192, hop limit 1) with protocol PIM in front of the message in `pkt`. The family is that of
 // `src`; `dst` must have the same one.
-void addIpHeader(Knet::Pkt& pkt, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst);
+void addIpHeader(Pkt& pkt, const IpGenAddr& src, const IpGenAddr& dst);
 
 // The most bytes of PIM message that fit in one IP packet of the family.
-U32 maxPimMessageSize(Knet::AddressFamily af);
+U32 maxPimMessageSize(AddressFamily af);
 
-}  // namespace Pimio::Cli
+}  // namespace Knet

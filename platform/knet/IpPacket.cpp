@@ -1,4 +1,4 @@
-#include "tools/pimio/IpPacket.h"
+#include "knet/IpPacket.h"
 
 #include <optional>
 #include <sstream>
@@ -6,7 +6,7 @@
 #include "knet/IpHdr.h"
 #include "knet/PimHdr.h"
 
-namespace Pimio::Cli {
+namespace Knet {
 
 namespace {
 
@@ -28,40 +28,41 @@ constexpr U8 ipTtl = 1;
 U16 readU16Be(std::span<const U8> bytes, size_t at) { return static_cast<U16>(bytes[at] << 8 | bytes[at + 1]); }
 
 template <class... Parts>
-IpPacket failed(IpPacket packet, const Parts&... parts) {
+IpPacket failed(IpPacket packet, IpPacket::Failure why, const Parts&... parts) {
   std::ostringstream os;
   (os << ... << parts);
   packet.kind = IpPacket::Kind::failed;
+  packet.why = why;
   packet.failure = os.str();
   return packet;
 }
 
 IpPacket fragmented(IpPacket packet, U32 offset, bool more) {
-  return failed(std::move(packet), kFragment, offset, " More Fragments: ", more ? 1 : 0, " - not reassembled");
+  return failed(std::move(packet), IpPacket::Failure::fragment, kFragment, offset, " More Fragments: ", more ? 1 : 0, " - not reassembled");
 }
 
 IpPacket parseIpv4(std::span<const U8> bytes) {
   IpPacket packet;
-  if (bytes.size() < Knet::IpHdr::minSize) return packet;
-  const Knet::IpHdr ip(bytes.data(), static_cast<U32>(bytes.size()));
-  if (ip.protocol() != Knet::ipProtoPim) return packet;
+  if (bytes.size() < IpHdr::minSize) return packet;
+  const IpHdr ip(bytes.data(), static_cast<U32>(bytes.size()));
+  if (ip.protocol() != ipProtoPim) return packet;
   packet.src = ip.src();
   packet.dst = ip.dst();
 
   const U32 headerLength = ip.headerLength();
-  if (headerLength < Knet::IpHdr::minSize) return failed(std::move(packet), kIpv4HeaderLength, headerLength);
+  if (headerLength < IpHdr::minSize) return failed(std::move(packet), IpPacket::Failure::headerLength, kIpv4HeaderLength, headerLength);
   if (headerLength > bytes.size()) {
-    return failed(std::move(packet), kTruncatedHeader, headerLength, " captured ", bytes.size());
+    return failed(std::move(packet), IpPacket::Failure::truncatedHeader, kTruncatedHeader, headerLength, " captured ", bytes.size());
   }
-  if (ip.computedChecksum() != 0) return failed(std::move(packet), kIpv4Checksum, ip.checksum());
+  if (ip.computedChecksum() != 0) return failed(std::move(packet), IpPacket::Failure::checksum, kIpv4Checksum, ip.checksum());
   const U32 totalLength = ip.totalLength();
   if (totalLength < headerLength) {
-    return failed(std::move(packet), kIpv4TotalLength, totalLength, " Header Length: ", headerLength);
+    return failed(std::move(packet), IpPacket::Failure::totalLength, kIpv4TotalLength, totalLength, " Header Length: ", headerLength);
   }
   if (ip.moreFragments() || ip.fragmentOffset() != 0) {
     return fragmented(std::move(packet), ip.fragmentOffset() * 8u, ip.moreFragments());
   }
-  if (totalLength > bytes.size()) return failed(std::move(packet), kTruncated, totalLength, " captured ", bytes.size());
+  if (totalLength > bytes.size()) return failed(std::move(packet), IpPacket::Failure::truncated, kTruncated, totalLength, " captured ", bytes.size());
   packet.kind = IpPacket::Kind::pim;
   packet.pim = bytes.subspan(headerLength, totalLength - headerLength);
   return packet;
@@ -69,15 +70,15 @@ IpPacket parseIpv4(std::span<const U8> bytes) {
 
 IpPacket parseIpv6(std::span<const U8> bytes) {
   IpPacket packet;
-  if (bytes.size() < Knet::Ip6Hdr::size) return packet;
-  const Knet::Ip6Hdr ip(bytes.data(), static_cast<U32>(bytes.size()));
-  const size_t totalLength = Knet::Ip6Hdr::size + ip.payloadLength();
+  if (bytes.size() < Ip6Hdr::size) return packet;
+  const Ip6Hdr ip(bytes.data(), static_cast<U32>(bytes.size()));
+  const size_t totalLength = Ip6Hdr::size + ip.payloadLength();
   U8 next = ip.nextHeader();
-  size_t at = Knet::Ip6Hdr::size;
+  size_t at = Ip6Hdr::size;
   std::optional<std::pair<U32, bool>> fragmentOf;  // offset and more-fragments flag
   // Each extension header is at least 8 bytes long, so the walk ends within the captured bytes.
   // A chain that is cut off by the capture cannot say whether PIM follows: not PIM.
-  while (next != Knet::ipProtoPim) {
+  while (next != ipProtoPim) {
     if (at + 2 > bytes.size()) return packet;
     size_t length = 0;
     switch (next) {
@@ -96,7 +97,7 @@ IpPacket parseIpv6(std::span<const U8> bytes) {
         const bool more = field & 1;
         if (offset != 0 || more) fragmentOf.emplace(offset, more);
         // Behind a later fragment lies the middle of the payload, not more headers.
-        if (offset != 0 && bytes[at] != Knet::ipProtoPim) return packet;
+        if (offset != 0 && bytes[at] != ipProtoPim) return packet;
         length = 8;
         break;
       }
@@ -109,9 +110,9 @@ IpPacket parseIpv6(std::span<const U8> bytes) {
   packet.src = ip.src();
   packet.dst = ip.dst();
   if (fragmentOf) return fragmented(std::move(packet), fragmentOf->first, fragmentOf->second);
-  if (totalLength > bytes.size()) return failed(std::move(packet), kTruncated, totalLength, " captured ", bytes.size());
+  if (totalLength > bytes.size()) return failed(std::move(packet), IpPacket::Failure::truncated, kTruncated, totalLength, " captured ", bytes.size());
   if (at > totalLength) {
-    return failed(std::move(packet), kIpv6ExtensionLength, at - Knet::Ip6Hdr::size, " bytes Payload Length: ",
+    return failed(std::move(packet), IpPacket::Failure::extensionLength, kIpv6ExtensionLength, at - Ip6Hdr::size, " bytes Payload Length: ",
                   ip.payloadLength());
   }
   packet.kind = IpPacket::Kind::pim;
@@ -130,21 +131,21 @@ IpPacket parseIpPacket(std::span<const U8> bytes) {
   }
 }
 
-U32 maxPimMessageSize(Knet::AddressFamily af) {
+U32 maxPimMessageSize(AddressFamily af) {
   // IPv4's total length counts the header; IPv6's payload length does not.
-  return af == Knet::AddressFamily::ipv6 ? 0xffff : 0xffff - Knet::IpHdr::minSize;
+  return af == AddressFamily::ipv6 ? 0xffff : 0xffff - IpHdr::minSize;
 }
 
-void addIpHeader(Knet::Pkt& pkt, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst) {
+void addIpHeader(Pkt& pkt, const IpGenAddr& src, const IpGenAddr& dst) {
   const U32 payload = pkt.size();
-  if (src.af() == Knet::AddressFamily::ipv6) {
-    pkt.headAdd(Knet::Ip6Hdr::size);
-    Knet::Ip6Hdr::write(pkt.data(), ipTos, static_cast<U16>(payload), Knet::ipProtoPim, ipTtl, src, dst);
+  if (src.af() == AddressFamily::ipv6) {
+    pkt.headAdd(Ip6Hdr::size);
+    Ip6Hdr::write(pkt.data(), ipTos, static_cast<U16>(payload), ipProtoPim, ipTtl, src, dst);
   } else {
-    pkt.headAdd(Knet::IpHdr::minSize);
-    Knet::IpHdr::write(pkt.data(), ipTos, static_cast<U16>(payload + Knet::IpHdr::minSize), ipTtl,
-                       Knet::ipProtoPim, src, dst);
+    pkt.headAdd(IpHdr::minSize);
+    IpHdr::write(pkt.data(), ipTos, static_cast<U16>(payload + IpHdr::minSize), ipTtl,
+                       ipProtoPim, src, dst);
   }
 }
 
-}  // namespace Pimio::Cli
+}  // namespace Knet
