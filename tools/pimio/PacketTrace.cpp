@@ -41,11 +41,6 @@ std::vector<std::string> PacketTrace::texts(std::initializer_list<int> levels) c
   return out;
 }
 
-bool PacketTrace::traced(std::string_view prefix) const {
-  const auto& lines = capture_->lines();
-  return std::any_of(lines.begin(), lines.end(), [&](const Loom::TraceLine& l) { return l.text.starts_with(prefix); });
-}
-
 std::vector<std::string> PacketTrace::logs() const {
   std::vector<std::string> out;
   for (const Loom::LoggedMessage& m : logCapture_.messages()) out.push_back("%" + m.name + ": " + m.text);

@@ -28,8 +28,6 @@ class PacketTrace {
   std::vector<std::string> failures() const { return texts({1}); }
   // Failure and warning texts (levels 1 and 5).
   std::vector<std::string> problems() const { return texts({1, 5}); }
-  // Whether a line of any collected level begins with `prefix`.
-  bool traced(std::string_view prefix) const;
   // The log messages raised, as "%NAME: text".
   std::vector<std::string> logs() const;
 
