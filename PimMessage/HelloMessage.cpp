@@ -236,7 +236,7 @@ void HelloMessage::readConnectionOption(const Loom::Ptr<Knet::Pkt>& pkt, U64 pos
   const ConnectionTexts& t = tcp ? tcpTexts : sctpTexts;
   Knet::PktReader r(pkt, static_cast<U32>(pos));
   const U16 family = r.readU16Be();
-  r.skip(2);
+  if (!r.skip(2)) return;  // the reserved field: within the value, whose room was checked
   const U32 addressLength = length - 4u;
   const Knet::AddressFamily af = familyOf(family);
   if ((af == Knet::AddressFamily::ipv4 && addressLength == 4) || (af == Knet::AddressFamily::ipv6 && addressLength == 16)) {

@@ -7,7 +7,9 @@
 //   - every read, write and skip that does not fit leaves the bytes and the position alone,
 //     sets overrun() and reports it (a read returns zero, the others false); callers test the
 //     room first (fits(), remaining()) when they must say what was missing;
-//   - results are [[nodiscard]]: a caller that ignores one has a bug;
+//   - a reader's results are [[nodiscard]]: a caller that ignores one has a bug; a writer's
+//     bool says whether the bytes went in (callers that checked the room first may rely on
+//     overrun() instead);
 //   - a part whose length the packet gives (an option, a list) is read through a sub-reader
 //     bounded to that length (take()), so that it can never read past its own end.
 // Sub-codecs (encoded addresses, options) read from and write to the caller's cursor; nobody
@@ -111,26 +113,26 @@ class PktWriter {
   bool fits(U64 n) const { return pos_ <= size_ && n <= size_ - pos_; }
   bool overrun() const { return overrun_; }
 
-  [[nodiscard]] bool writeU8(U8 v) {
+  bool writeU8(U8 v) {
     if (!fits(1)) return fail();
     data_[pos_++] = v;
     return true;
   }
-  [[nodiscard]] bool writeU16Be(U16 v) {
+  bool writeU16Be(U16 v) {
     if (!fits(2)) return fail();
     data_[pos_] = static_cast<U8>(v >> 8);
     data_[pos_ + 1] = static_cast<U8>(v);
     pos_ += 2;
     return true;
   }
-  [[nodiscard]] bool writeU32Be(U32 v) {
+  bool writeU32Be(U32 v) {
     if (!fits(4)) return fail();
     v = __builtin_bswap32(v);
     std::memcpy(data_ + pos_, &v, 4);
     pos_ += 4;
     return true;
   }
-  [[nodiscard]] bool writeAddress(const IpGenAddr& a) {
+  bool writeAddress(const IpGenAddr& a) {
     const PktOffset n = a.byteLength();
     if (n == 0 || !fits(n)) return fail();
     std::memcpy(data_ + pos_, a.bytes(), n);
@@ -139,7 +141,7 @@ class PktWriter {
   }
   // Moves past n bytes that are written later or by someone else: false, not moving, when
   // fewer remain.
-  [[nodiscard]] bool skip(U64 n) {
+  bool skip(U64 n) {
     if (!fits(n)) return fail();
     pos_ += static_cast<PktOffset>(n);
     return true;
@@ -149,12 +151,12 @@ class PktWriter {
     if (to < pos_) pos_ = to;
   }
   // Rewrites fields written earlier (a length or count known only at the end).
-  [[nodiscard]] bool patchU8(PktOffset at, U8 v) {
+  bool patchU8(PktOffset at, U8 v) {
     if (at >= size_) return fail();
     data_[at] = v;
     return true;
   }
-  [[nodiscard]] bool patchU16Be(PktOffset at, U16 v) {
+  bool patchU16Be(PktOffset at, U16 v) {
     if (at > size_ || size_ - at < 2) return fail();
     data_[at] = static_cast<U8>(v >> 8);
     data_[at + 1] = static_cast<U8>(v);
