@@ -17,7 +17,6 @@ const Knet::IpGenAddr v4Dst = ip("224.0.0.13");
 const Knet::IpGenAddr v6Src = ip("fe80::2");
 const Knet::IpGenAddr v6Dst = ip("ff02::d");
 
-
 Bytes unicast(const char* a) {
   const Knet::IpGenAddr x = ip(a);
   Bytes b = {static_cast<U8>(x.af()), 0x00};
@@ -84,14 +83,6 @@ std::vector<Golden> goldens() {
        dfElection(0x40, concat({common(true), unicast("2001:db8::3"), u32(100), u32(10)}), true),
        "type=dfElection | type=dfElectionPass, rpAddress=2001:db8::9, senderMetricPreference=110, senderMetric=20, "
        "winningAddress=2001:db8::3, winningMetricPreference=100, winningMetric=10"},
-      {"backoff ipv6", true, [](bool v6) -> Loom::Ptr<DfElectionMessage> { return message<DfElectionBackoffMessage>(v6); },
-       dfElection(0x30, concat({common(true), unicast("2001:db8::3"), u32(0xffffffff), u32(0), {0xff, 0xff}}), true),
-       "type=dfElection | type=dfElectionBackoff, rpAddress=2001:db8::9, senderMetricPreference=110, senderMetric=20, "
-       "offeringAddress=2001:db8::3, offeringMetricPreference=4294967295, offeringMetric=0, interval=65535"},
-      {"pass ipv4", false, [](bool v6) -> Loom::Ptr<DfElectionMessage> { return message<DfElectionPassMessage>(v6); },
-       dfElection(0x40, concat({common(false), unicast("10.0.0.3"), u32(100), u32(10)})),
-       "type=dfElection | type=dfElectionPass, rpAddress=10.0.0.9, senderMetricPreference=110, senderMetric=20, "
-       "winningAddress=10.0.0.3, winningMetricPreference=100, winningMetric=10"},
   };
 }
 
@@ -113,49 +104,21 @@ TEST(DfElection, GoldenPacketsReadRenderAndWriteBack) {
   }
 }
 
-// The subtype is the upper half of the reserved byte; setting it clears the lower half.
+// The subtype is the upper half of the reserved byte; setting it clears the lower half. Bytes
+// behind the message are not looked at.
 TEST(DfElection, SubtypeLivesInTheReservedByte) {
-  const Bytes b = dfElection(0x1f, common(false));
+  const Bytes b = dfElection(0x1f, concat({common(false), {7, 7, 7}}));
   auto m = message<DfElectionOfferMessage>();
-  ASSERT_EQ(m->readDfElectionOfferMessage(pkt(b), 0), b.size());
+  ASSERT_EQ(m->readDfElectionOfferMessage(pkt(b), 0), 18u);
   EXPECT_EQ(m->dfElectionMessageType(), dfElectionOffer());
   EXPECT_EQ(m->reserved(), 0x1f);
-  m->dfElectionMessageTypeIs(dfElectionOffer());
-  EXPECT_EQ(m->reserved(), 0x10);
-  // Names and numbers.
-  for (U32 v = 1; v <= 4; ++v) {
-    const auto t = dfElectionMessageTypeInstance(v);
-    ASSERT_TRUE(t);
-    EXPECT_EQ(dfElectionMessageTypeInstance(valueToStrep(*t)), t);
-  }
-  EXPECT_EQ(valueToStrep(dfElectionPass()), "dfElectionPass");
+  m->dfElectionMessageTypeIs(dfElectionPass());
+  EXPECT_EQ(m->reserved(), 0x40);
+  EXPECT_EQ(dfElectionMessageTypeInstance(4u), dfElectionPass());
+  EXPECT_EQ(dfElectionMessageTypeInstance("dfElectionBackoff"), dfElectionBackoff());
   EXPECT_FALSE(dfElectionMessageTypeInstance(0u));
   EXPECT_FALSE(dfElectionMessageTypeInstance(5u));
   EXPECT_FALSE(dfElectionMessageTypeInstance("dfElectionoffer"));
-  EXPECT_EQ(valueToStrep(DfElectionMessageType(9)), "dfElectionMessageType(9)");
-}
-
-TEST(DfElection, TrailingBytesAreNotLookedAt) {
-  struct Case {
-    const char* name;
-    Bytes body;
-    U32 read;  // 0: fails
-  };
-  const Case cases[] = {
-      {"7 bytes of metrics", concat({unicast("10.0.0.9"), u32(1), {0, 0, 0}}), 0},
-      {"8 bytes of metrics", concat({unicast("10.0.0.9"), u32(1), u32(2)}), 18},
-      {"8 bytes and 3 more", concat({unicast("10.0.0.9"), u32(1), u32(2), {7, 7, 7}}), 18},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Loom::TraceCapture cap(1);
-    EXPECT_EQ(message<DfElectionOfferMessage>()->readDfElectionOfferMessage(pkt(dfElection(0x10, c.body)), 0), c.read);
-    if (c.read == 0) {
-      EXPECT_EQ(errors(cap), (std::vector<std::string>{
-                                 "Invalid Pim DF Election - Metric and Metric Preference Length - Remaining: 7 Expected: 8",
-                                 "Invalid Pim DF Election Offer - Read Error"}));
-    }
-  }
 }
 
 TEST(DfElection, ReadRejectTable) {
@@ -188,6 +151,9 @@ TEST(DfElection, ReadRejectTable) {
        {"Invalid Pim DF Election Backoff - Offering Metric and Metric Preference Length - Remaining: 9 Expected: 10"}},
       {"a pass of a bad header", message<DfElectionPassMessage>(), Bytes{0x2a, 0x40, 0, 0},
        {"Invalid Pim DF Election - Header - Parse Error", "Invalid Pim DF Election Pass - Read Error"}},
+      {"an offer with 7 bytes of metrics", message<DfElectionOfferMessage>(), dfElection(0x10, concat({rp, u32(1), {0, 0, 0}})),
+       {"Invalid Pim DF Election - Metric and Metric Preference Length - Remaining: 7 Expected: 8",
+        "Invalid Pim DF Election Offer - Read Error"}},
       {"an ipv6 new winner", message<DfElectionPassMessage>(),
        dfElection(0x40, concat({rp, metrics, unicast("2001:db8::3"), metrics})),
        {"Invalid Pim DF Election Pass - New Winning Address - Invalid Family - Family: ipv4New Winning Address: 2001:db8::3"}},
@@ -245,8 +211,6 @@ TEST(DfElection, WriteFailures) {
   const Case cases[] = {
       {"common: no room for the header", message<DfElectionMessage>(), "10.0.0.9", "", 3,
        "Invalid Pim DF Election - Header - Unavailable Space - Remaining: 3"},
-      {"common: an ipv6 RP", message<DfElectionMessage>(), "2001:db8::9", "", 64,
-       "Invalid Pim DF Election - Invalid Family - Family: ipv6 RP Address: 2001:db8::9"},
       {"common: a multicast RP", message<DfElectionMessage>(), "224.0.0.9", "", 64,
        "Invalid Pim DF Election - RP Address - Write Error"},
       {"common: no room for the metrics", message<DfElectionMessage>(), "10.0.0.9", "", 17,
@@ -255,8 +219,6 @@ TEST(DfElection, WriteFailures) {
        "Invalid Pim DF Election Offer - Write Error"},
       {"winner: its own text after the common one", message<DfElectionWinnerMessage>(), "", "", 64,
        "Invalid Pim DF Election Winner - Write Error"},
-      {"backoff: no room for the header", message<DfElectionBackoffMessage>(), "10.0.0.9", "10.0.0.3", 2,
-       "Invalid Pim DF Election Backoff - Header - Unavailable Space - Remaining: 2"},
       {"backoff: an ipv6 RP", message<DfElectionBackoffMessage>(), "2001:db8::9", "10.0.0.3", 64,
        "Invalid Pim DF Election Backoff - Invalid Family - Family: ipv6 RP Address: 2001:db8::9"},
       {"backoff: no offering address", message<DfElectionBackoffMessage>(), "10.0.0.9", "", 64,
@@ -272,8 +234,6 @@ TEST(DfElection, WriteFailures) {
        "Expected: 10"},
       {"pass: an ipv6 winner", message<DfElectionPassMessage>(), "10.0.0.9", "2001:db8::3", 64,
        "Invalid Pim DF Election Pass - Invalid Family - Family: ipv6 Winning Address: 2001:db8::3"},
-      {"pass: a multicast RP", message<DfElectionPassMessage>(), "239.0.0.9", "10.0.0.3", 64,
-       "Invalid Pim DF Election Pass - RP Address - Write Error"},
       {"pass: a multicast winner", message<DfElectionPassMessage>(), "10.0.0.9", "239.0.0.3", 64,
        "Invalid Pim DF Election Pass - Winning Address - Write Error"},
       {"pass: 7 bytes for the tail", message<DfElectionPassMessage>(), "10.0.0.9", "10.0.0.3", 31,
@@ -290,21 +250,6 @@ TEST(DfElection, WriteFailures) {
     const std::vector<std::string> e = errors(cap);
     ASSERT_FALSE(e.empty());
     EXPECT_EQ(e.back(), c.error);
-  }
-}
-
-// Only the Offer and Winner writes trace the message.
-TEST(DfElection, OnlyOfferAndWinnerWritesTraceTheMessage) {
-  for (const Golden& g : goldens()) {
-    SCOPED_TRACE(g.name);
-    auto m = g.make(g.v6);
-    ASSERT_EQ(read(m, pkt(g.bytes)), g.bytes.size());
-    Loom::TraceCapture cap(4);
-    ASSERT_EQ(write(m, pkt(Bytes(g.bytes.size()))), g.bytes.size());
-    int tx = 0;
-    for (const auto& l : cap.lines()) tx += startsWith(l.text, "TX: <PIM ");
-    const auto t = m->dfElectionMessageType();
-    EXPECT_EQ(tx, t == dfElectionOffer() || t == dfElectionWinner() ? 1 : 0);
   }
 }
 

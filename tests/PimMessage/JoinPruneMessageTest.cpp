@@ -4,7 +4,6 @@
 #include "PimMessage/JoinPruneMessage.h"
 
 #include <functional>
-#include <set>
 #include <sstream>
 
 #include "loom/LogMessage.h"
@@ -253,123 +252,46 @@ Bytes build(const std::vector<Grp>& groups, bool v6 = false, const Bytes& traili
 
 // ======================================================================== golden packets
 
-TEST(JoinPruneRead, GoldenIpv4) {
-  const Bytes b = checksummed(goldenV4, false);
-  auto m = message();
-  Loom::TraceCapture cap(5);
-  ASSERT_EQ(m->readJoinPruneMessage(pkt(b), 0, nullptr), b.size()) << firstError(cap);
-  EXPECT_TRUE(errors(cap).empty()) << firstError(cap);
-  const JoinPruneData& d = *m->joinPruneData();
-  EXPECT_EQ(d.upstream(), ip("10.0.0.2"));
-  EXPECT_EQ(d.reserved2(), 0);
-  EXPECT_EQ(d.holdTime(), 210);
-  EXPECT_FALSE(d.periodic());
-  EXPECT_FALSE(d.bookmark());
-  EXPECT_EQ(entries(d), goldenV4Entries);
-  EXPECT_EQ(m->joinPruneData()->joinPruneGroupData(ip("225.1.1.1"))->groupFlags(), 0x00);
-  EXPECT_EQ(m->joinPruneData()->joinPruneGroupData(ip("239.1.1.1"))->groupFlags(), 0x01);
-  EXPECT_EQ(m->report(), (Report{10, 0, 0}));
-  EXPECT_EQ(m->length(), b.size());
-  EXPECT_TRUE(cap.contains("RX: <PIM type=joinPrune | upstream=10.0.0.2, holdtime=210, numGroups=4, groups=[ "
-                           "\tgroup=( address=225.1.1.1, flags=0x00 )\n"
-                           "\t\tjoin= 10.1.1.1, (*,G)\n"
-                           "\t\tprune=10.2.2.2, (S,G,rpt)\n"
-                           "\t\tprune=10.2.2.3, (S,G,rpt)\n"
-                           "\tgroup=( address=232.1.1.1, flags=0x00 )\n"
-                           "\t\tjoin=10.3.3.3, (S,G)\n"
-                           "\t\tjoin=10.3.3.4, (S,G)\n"
-                           "\t\tprune=10.3.3.5, (S,G)\n"
-                           "\tgroup=( address=233.1.1.1, flags=0x00 )\n"
-                           "\t\tjoin=10.4.4.4, (S,G,rpt)\n"
-                           "\t\tjoin=10.4.4.5, (S,G)\n"
-                           "\tgroup=( address=239.1.1.1, flags=0x01(Z) )\n"
-                           "\t\tprune= 10.1.1.1, (*,G)\n"
-                           "\t\tprune=10.5.5.5, (S,G)\n"
-                           " ]>"));
-}
-
-TEST(JoinPruneRead, GoldenIpv6) {
-  const Bytes b = checksummed(goldenV6, true);
-  auto m = message(true);
-  Loom::TraceCapture cap(1);
-  ASSERT_EQ(m->readJoinPruneMessage(pkt(b), 0, nullptr), b.size()) << firstError(cap);
-  const JoinPruneData& d = *m->joinPruneData();
-  EXPECT_EQ(d.upstream(), ip("fe80::2"));
-  EXPECT_EQ(d.holdTime(), 105);
-  EXPECT_EQ(entries(d), goldenV6Entries);
-  EXPECT_EQ(m->report(), (Report{4, 0, 0}));
-  // The same bytes under another source address fail the pseudo-header checksum.
-  auto other = joinPruneMessageFactory();
-  other->srcIpIs(ip("fe80::9"));
-  other->dstIpIs(v6Dst);
-  EXPECT_EQ(other->readJoinPruneMessage(pkt(b), 0, nullptr), 0u);
-}
-
-// Fields -> the same bytes: the agent's tree of each golden packet, written as a triggered
-// message, gives the golden bytes and leaves the tree empty.
-TEST(JoinPruneWrite, ReproducesTheGoldenPackets) {
+// Bytes -> tree; the agent's tree -> the same bytes (written as a triggered message, which empties
+// the tree); and bytes -> tree -> bytes at an offset with a reserved byte that is not zero.
+TEST(JoinPruneCodec, GoldenPackets) {
   struct Case {
     bool v6;
     const Bytes& golden;
     const std::vector<std::string>& list;
+    const char* upstream;
+    U16 holdtime;
   };
-  for (const Case& c : {Case{false, goldenV4, goldenV4Entries}, Case{true, goldenV6, goldenV6Entries}}) {
+  for (const Case& c : {Case{false, goldenV4, goldenV4Entries, "10.0.0.2", 210},
+                        Case{true, goldenV6, goldenV6Entries, "fe80::2", 105}}) {
     SCOPED_TRACE(c.v6 ? "IPv6" : "IPv4");
-    auto d = tree(c.list, c.v6);
-    if (!c.v6) d->joinPruneGroupData(ip("239.1.1.1"))->groupFlagsIs(0x01);
-    auto m = writer(d, c.v6);
-    Loom::TraceCapture cap(7);
-    const Bytes out = write(m);
-    EXPECT_TRUE(errors(cap).empty()) << firstError(cap);
-    EXPECT_EQ(out, checksummed(c.golden, c.v6));
-    EXPECT_EQ(m->length(), c.golden.size());
+    const Bytes b = checksummed(c.golden, c.v6);
+    auto m = message(c.v6);
+    Loom::TraceCapture cap(1);
+    ASSERT_EQ(m->readJoinPruneMessage(pkt(b), 0, nullptr), b.size()) << firstError(cap);
+    const JoinPruneData& d = *m->joinPruneData();
+    EXPECT_EQ(d.upstream(), ip(c.upstream));
+    EXPECT_EQ(d.holdTime(), c.holdtime);
+    EXPECT_EQ(entries(d), c.list);
     EXPECT_EQ(m->report(), (Report{U32(c.list.size()), 0, 0}));
-    EXPECT_TRUE(d->empty()) << "a triggered message kept what it wrote";
-    EXPECT_FALSE(d->bookmark());
-    if (!c.v6) {
-      for (const char* line :
-           {"Processing Group 225.1.1.1", "Deleting (*,G) RP Address - Group: 225.1.1.1 Address: 10.1.1.1",
-            "Deleting Pruned Rpt Source - Group: 225.1.1.1 Address: 10.2.2.2",
-            "Deleting Joined Source - Group: 232.1.1.1 Address: 10.3.3.4",
-            "Deleting Pruned Source - Group: 232.1.1.1 Address: 10.3.3.5",
-            "Deleting Joined Rpt Source - Group: 233.1.1.1 Address: 10.4.4.4",
-            "Deleting (*,G) RP Address - Group: 239.1.1.1 Address: 10.1.1.1",
-            "Group 225.1.1.1 has 1 joined sources and 2 pruned sources.",
-            "Group 239.1.1.1 has 0 joined sources and 2 pruned sources.",
-            "Message contains 10 sources, with payload length 142"}) {
-        EXPECT_TRUE(cap.contains(line)) << line;
-      }
-    }
-  }
-}
 
-// Bytes -> tree -> the same bytes, also at an offset and with a reserved byte that is not zero.
-TEST(JoinPruneCodec, RoundTrip) {
-  Bytes reserved = goldenV4;
-  reserved[10] = 0xa5;
-  struct Case {
-    const char* name;
-    bool v6;
-    Bytes bytes;
-    U32 offset;
-  };
-  const Case cases[] = {
-      {"IPv4", false, checksummed(goldenV4, false), 0},
-      {"IPv6", true, checksummed(goldenV6, true), 0},
-      {"IPv4 at offset 20", false, checksummed(goldenV4, false), 20},
-      {"IPv6 at offset 40", true, checksummed(goldenV6, true), 40},
-      {"reserved byte kept", false, checksummed(reserved, false), 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Bytes framed(c.offset, 0xee);
-    framed.insert(framed.end(), c.bytes.begin(), c.bytes.end());
+    auto t = tree(c.list, c.v6);
+    if (!c.v6) {
+      EXPECT_EQ(m->joinPruneData()->joinPruneGroupData(ip("239.1.1.1"))->groupFlags(), 0x01);
+      t->joinPruneGroupData(ip("239.1.1.1"))->groupFlagsIs(0x01);
+    }
+    auto w = writer(t, c.v6);
+    EXPECT_EQ(write(w), b);
+    EXPECT_EQ(w->report(), m->report());
+    EXPECT_TRUE(t->empty()) << "a triggered message kept what it wrote";
+    EXPECT_FALSE(t->bookmark());
+
+    Bytes reserved = c.golden;
+    reserved[c.v6 ? 22 : 10] = 0xa5;  // behind the upstream neighbor
+    const Bytes r = checksummed(reserved, c.v6);
     auto in = message(c.v6);
-    ASSERT_EQ(in->readJoinPruneMessage(pkt(framed), c.offset, nullptr), c.bytes.size());
-    const std::vector<std::string> read = entries(*in->joinPruneData());
-    auto out = writer(in->joinPruneData(), c.v6);
-    EXPECT_EQ(write(out, 1500 + c.offset, c.offset), c.bytes);
-    EXPECT_EQ(decoded(c.bytes, c.v6), read);
+    ASSERT_EQ(in->readJoinPruneMessage(pkt(concat({Bytes(40, 0xee), r})), 40, nullptr), r.size());
+    EXPECT_EQ(write(writer(in->joinPruneData(), c.v6), 1540, 40), r);
   }
 }
 
@@ -411,199 +333,86 @@ TEST(JoinPruneRead, ConflictResolutionAndFilters) {
   const Row rows[] = {
       {.name = "no conflict",
        .groups = {{G, {wc("10.1.1.1"), sg("10.3.3.3")}, {rpt("10.2.2.2"), rpt("10.2.2.3"), sg("10.3.3.4")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1",
-                "225.1.1.1: (S,G,rpt) prune 10.2.2.2", "225.1.1.1: (S,G,rpt) prune 10.2.2.3",
-                "225.1.1.1: (S,G) prune 10.3.3.4"},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1", "225.1.1.1: (S,G,rpt) prune 10.2.2.2", "225.1.1.1: (S,G,rpt) prune 10.2.2.3", "225.1.1.1: (S,G) prune 10.3.3.4"},
        .report = {5, 0, 0}},
       {.name = "entry kinds do not need the S bit",
        .groups = {{G, {{"10.1.1.1", 0x03}, {"10.3.3.3", 0x00}}, {{"10.2.2.2", 0x01}}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1",
-                "225.1.1.1: (S,G,rpt) prune 10.2.2.2"},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1", "225.1.1.1: (S,G,rpt) prune 10.2.2.2"},
        .report = {3, 0, 0}},
       {.name = "multiple (*,G) joins: the last one stays",
-       .groups = {{G, {wc("10.1.1.1"), wc("10.1.1.2"), wc("10.1.1.3")}}},
-       .tree = {"225.1.1.1: (*,G) join 10.1.1.3"},
+       .groups = {{G, {wc("10.1.1.1"), wc("10.1.1.2"), wc("10.1.1.3")}}}, .tree = {"225.1.1.1: (*,G) join 10.1.1.3"},
        .report = {1, 2, 0},
-       .errors = {multipleStarG + "10.1.1.1] and using [RP: 10.1.1.2]",
-                  multipleStarG + "10.1.1.2] and using [RP: 10.1.1.3]"}},
+       .errors = {multipleStarG + "10.1.1.1] and using [RP: 10.1.1.2]", multipleStarG + "10.1.1.2] and using [RP: 10.1.1.3]"}},
       {.name = "(S,G,rpt) joins after a (*,G) join are dropped",
        .groups = {{G, {wc("10.1.1.1"), rpt("10.2.2.1"), rpt("10.2.2.2"), sg("10.3.3.3")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1"},
-       .report = {2, 2, 0}},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1"}, .report = {2, 2, 0}},
       {.name = "(S,G,rpt) joins before a (*,G) join are removed, in that group only",
        .groups = {{G, {rpt("10.2.2.1"), rpt("10.2.2.2"), wc("10.1.1.1")}}, {G2, {rpt("10.2.2.1")}}},
-       .tree = {"225.1.1.1: (*,G) join 10.1.1.1", "226.1.1.1: (S,G,rpt) join 10.2.2.1"},
-       .report = {2, 2, 0}},
-      {.name = "(*,G) join and prune: the prune stays",
-       .groups = {{G, {wc("10.1.1.1")}, {wc("10.1.1.9")}}},
-       .tree = {"225.1.1.1: (*,G) prune 10.1.1.9"},
-       .report = {1, 1, 0},
-       .errors = {"Invalid Pim Join/Prune Source - Received (*,G) join and prune source. Removing (*,G) join "
-                  "[RP: 10.1.1.1] and using (*,G) prune [RP: 10.1.1.9]"}},
+       .tree = {"225.1.1.1: (*,G) join 10.1.1.1", "226.1.1.1: (S,G,rpt) join 10.2.2.1"}, .report = {2, 2, 0}},
+      {.name = "(*,G) join and prune: the prune stays", .groups = {{G, {wc("10.1.1.1")}, {wc("10.1.1.9")}}},
+       .tree = {"225.1.1.1: (*,G) prune 10.1.1.9"}, .report = {1, 1, 0},
+       .errors = {"Invalid Pim Join/Prune Source - Received (*,G) join and prune source. Removing (*,G) join [RP: 10.1.1.1] and using (*,G) prune [RP: 10.1.1.9]"}},
       {.name = "(*,G) prune drops the (S,G,rpt) entries before and after it",
-       .groups = {{G,
-                   {rpt("10.2.2.1"), sg("10.3.3.3")},
-                   {rpt("10.2.2.2"), wc("10.1.1.1"), rpt("10.2.2.3"), sg("10.3.3.4")}}},
+       .groups = {{G, {rpt("10.2.2.1"), sg("10.3.3.3")}, {rpt("10.2.2.2"), wc("10.1.1.1"), rpt("10.2.2.3"), sg("10.3.3.4")}}},
        .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) prune 10.1.1.1", "225.1.1.1: (S,G) prune 10.3.3.4"},
        .report = {3, 3, 0}},
       {.name = "(S,G,rpt) joined and pruned: kept as the prune",
        .groups = {{G, {rpt("10.2.2.1"), rpt("10.2.2.5")}, {rpt("10.2.2.1")}}},
-       .tree = {"225.1.1.1: (S,G,rpt) join 10.2.2.5", "225.1.1.1: (S,G,rpt) prune 10.2.2.1"},
-       .report = {2, 1, 0},
+       .tree = {"225.1.1.1: (S,G,rpt) join 10.2.2.5", "225.1.1.1: (S,G,rpt) prune 10.2.2.1"}, .report = {2, 1, 0},
        .errors = {source + "10.2.2.1" + bothRpt}},
       {.name = "(S,G) join and (S,G,rpt) prune: kept as the (S,G) join",
        .groups = {{G, {wc("10.1.1.1"), sg("10.3.3.3")}, {rpt("10.3.3.3"), rpt("10.2.2.2")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1",
-                "225.1.1.1: (S,G,rpt) prune 10.2.2.2"},
-       .report = {3, 1, 0},
-       .errors = {source + "10.3.3.3" + bothSgRpt}},
-      {.name = "(S,G,rpt) join, (S,G) join and (S,G,rpt) prune of one source",
-       .groups = {{G, {rpt("10.3.3.3"), sg("10.3.3.3")}, {rpt("10.3.3.3")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"},
-       .report = {1, 2, 0},
-       .errors = {source + "10.3.3.3" + bothRpt, source + "10.3.3.3" + bothSgRpt}},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1", "225.1.1.1: (S,G,rpt) prune 10.2.2.2"},
+       .report = {3, 1, 0}, .errors = {source + "10.3.3.3" + bothSgRpt}},
       {.name = "(S,G) joined and pruned: kept as the prune",
        .groups = {{G, {sg("10.3.3.3"), sg("10.3.3.4")}, {sg("10.3.3.3")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.4", "225.1.1.1: (S,G) prune 10.3.3.3"},
-       .report = {2, 1, 0},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.4", "225.1.1.1: (S,G) prune 10.3.3.3"}, .report = {2, 1, 0},
        .errors = {source + "10.3.3.3" + bothSg}},
-      {.name = "WC without RPT is skipped",
-       .groups = {{G, {{"10.1.1.1", 0x06}, sg("10.3.3.3")}, {{"10.1.1.2", 0x02}}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"},
-       .report = {1, 0, 0},
-       .errors = {wcNoRpt, wcNoRpt}},
+      {.name = "WC without RPT is skipped", .groups = {{G, {{"10.1.1.1", 0x06}, sg("10.3.3.3")}, {{"10.1.1.2", 0x02}}}},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"}, .report = {1, 0, 0}, .errors = {wcNoRpt, wcNoRpt}},
       {.name = "invalid sources are skipped",
        .groups = {{G, {sg("232.9.9.9"), sg("0.0.0.0"), {"10.3.3.3", kSg, 24}, sg("10.3.3.4")}, {sg("224.0.0.5")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.4"},
-       .report = {1, 0, 0},
-       .errors = {"Invalid Encoded Source Address - Not Unicast - Address: 232.9.9.9",
-                  "Invalid Encoded Source Address - All Zeros - Address: 0.0.0.0",
-                  "Invalid Encoded Source Address - Not Host Prefix - Prefix: 10.3.3.3/24",
-                  "Invalid Encoded Source Address - Not Unicast - Address: 224.0.0.5"},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.4"}, .report = {1, 0, 0},
+       .errors = {"Invalid Encoded Source Address - Not Unicast - Address: 232.9.9.9", "Invalid Encoded Source Address - All Zeros - Address: 0.0.0.0", "Invalid Encoded Source Address - Not Host Prefix - Prefix: 10.3.3.3/24", "Invalid Encoded Source Address - Not Unicast - Address: 224.0.0.5"},
        .notes = {skipJoined + "232.9.9.9", skipJoined + "0.0.0.0", skipJoined + "10.3.3.3", skipPruned + "224.0.0.5"}},
       {.name = "sources of the other family are skipped",
        .groups = {{G, {sg("2001:db8::1"), sg("10.3.3.3")}, {wc("2001:db8::2")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"},
-       .report = {1, 0, 0},
-       .notes =
-           {"Warning: Pim Join/Prune - Source Address - Mismatch in Address Family: ipv4Source Address: 2001:db8::1",
-            "Warning: Pim Join/Prune - Source Address - Mismatch in Address Family: ipv4Source Address: 2001:db8::2"}},
-      {.name = "IPv6: an IPv4 source is skipped, the conflict still resolved",
-       .groups = {{"ff0e::1", {sg("2001:db8::3"), sg("10.3.3.3")}, {rpt("2001:db8::3")}}},
-       .tree = {"ff0e::1: (S,G) join 2001:db8::3"},
-       .report = {1, 1, 0},
-       .errors = {source + "2001:db8::3" + bothSgRpt},
-       .notes = {"Warning: Pim Join/Prune - Source Address - Mismatch in Address Family: ipv6Source Address: 10.3.3.3"},
-       .v6 = true},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"}, .report = {1, 0, 0},
+       .notes = {"Warning: Pim Join/Prune - Source Address - Mismatch in Address Family: ipv4Source Address: 2001:db8::1", "Warning: Pim Join/Prune - Source Address - Mismatch in Address Family: ipv4Source Address: 2001:db8::2"}},
       {.name = "group of the other family: filtered, its sources still read",
        .groups = {{"ff0e::1", {sg("10.3.3.3"), sg("10.3.3.4")}}, {G, {sg("10.3.3.5")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.5"},
-       .report = {1, 0, 2},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.5"}, .report = {1, 0, 2},
        .notes = {"Warning: Pim Join/Prune - Group Address - Mismatch in Address Family: ipv4Group Address: ff0e::1"}},
       {.name = "group that is not multicast: filtered",
-       .groups = {{"10.9.9.9", {sg("10.3.3.3")}}, {G, {sg("10.3.3.5")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.5"},
-       .report = {1, 0, 1},
-       .errors = {"Invalid Encoded Group Address - Not Multicast - Address: 10.9.9.9"},
+       .groups = {{"10.9.9.9", {sg("10.3.3.3")}}, {G, {sg("10.3.3.5")}}}, .tree = {"225.1.1.1: (S,G) join 10.3.3.5"},
+       .report = {1, 0, 1}, .errors = {"Invalid Encoded Group Address - Not Multicast - Address: 10.9.9.9"},
        .notes = {invalidPrefix + "10.9.9.9"}},
-      {.name = "group prefix that is not a host prefix: filtered",
-       .groups = {{"225.1.1.0", {sg("10.3.3.3")}, {}, 0, 24}, {G2, {sg("10.3.3.5")}}},
-       .tree = {"226.1.1.1: (S,G) join 10.3.3.5"},
-       .report = {1, 0, 1},
-       .notes = {invalidPrefix + "225.1.1.0"}},
-      {.name = "group mask beyond 32: read as 0.0.0.0/0 and filtered",
-       .groups = {{G, {sg("10.3.3.3")}, {}, 0, 33}, {G2, {sg("10.3.3.5")}}},
-       .tree = {"226.1.1.1: (S,G) join 10.3.3.5"},
-       .report = {1, 0, 1},
-       .errors = {"Invalid Encoded Group Address - Incorrect Prefix Range - 225.1.1.1/!",
-                  "Invalid Encoded Group Address - Not Multicast - Address: 0.0.0.0"},
-       .notes = {invalidPrefix + "0.0.0.0"}},
       {.name = "group outside the boundary: filtered",
        .groups = {{G, {wc("10.1.1.1")}, {rpt("10.2.2.2")}}, {G2, {sg("10.3.3.3")}}},
-       .tree = {"226.1.1.1: (S,G) join 10.3.3.3"},
-       .report = {1, 0, 2},
+       .tree = {"226.1.1.1: (S,G) join 10.3.3.3"}, .report = {1, 0, 2},
        .notes = {"Filtered: Pim Join/Prune - Multicast Boundary - Filtered Group Address: 225.1.1.1"},
        .boundary = true},
       {.name = "bidirectional group in a sparse-mode message: filtered",
-       .groups = {{G, {sg("10.3.3.3")}, {}, 0x80}, {G2, {sg("10.3.3.4")}}},
-       .tree = {"226.1.1.1: (S,G) join 10.3.3.4"},
-       .report = {1, 0, 1},
-       .notes = {bidirFilter + "225.1.1.1 Bidirectional: 1 Msg Bidirectional Support: 0"}},
-      {.name = "sparse-mode group in a bidirectional message: filtered",
-       .groups = {{G, {wc("10.1.1.1")}, {}, 0x80}, {G2, {sg("10.3.3.4")}}},
-       .tree = {"225.1.1.1: (*,G) join 10.1.1.1"},
-       .report = {1, 0, 1},
-       .notes = {bidirFilter + "226.1.1.1 Bidirectional: 0 Msg Bidirectional Support: 1"},
-       .bidir = true},
-      {.name = "empty group",
-       .groups = {{G, {}}, {G2, {sg("10.3.3.4")}}},
-       .tree = {"226.1.1.1: (S,G) join 10.3.3.4"},
-       .report = {1, 0, 0},
-       .errors = {zeroSources + "225.1.1.1"}},
-      {.name = "group left empty by skipped sources",
-       .groups = {{G, {sg("232.9.9.9")}, {{"10.1.1.1", 0x02}}}, {G2, {sg("10.3.3.4")}}},
-       .tree = {"226.1.1.1: (S,G) join 10.3.3.4"},
-       .report = {1, 0, 0},
-       .errors = {"Invalid Encoded Source Address - Not Unicast - Address: 232.9.9.9", wcNoRpt,
-                  zeroSources + "225.1.1.1"},
-       .notes = {skipJoined + "232.9.9.9"}},
+       .groups = {{G, {sg("10.3.3.3")}, {}, 0x80}, {G2, {sg("10.3.3.4")}}}, .tree = {"226.1.1.1: (S,G) join 10.3.3.4"},
+       .report = {1, 0, 1}, .notes = {bidirFilter + "225.1.1.1 Bidirectional: 1 Msg Bidirectional Support: 0"}},
+      {.name = "empty group", .groups = {{G, {}}, {G2, {sg("10.3.3.4")}}}, .tree = {"226.1.1.1: (S,G) join 10.3.3.4"},
+       .report = {1, 0, 0}, .errors = {zeroSources + "225.1.1.1"}},
       {.name = "every group filtered: the counters, then the failure",
-       .groups = {{G, {wc("10.1.1.1"), wc("10.1.1.2")}, {}, 0x80}, {"10.9.9.9", {sg("10.3.3.3")}}},
-       .tree = {},
+       .groups = {{G, {wc("10.1.1.1"), wc("10.1.1.2")}, {}, 0x80}, {"10.9.9.9", {sg("10.3.3.3")}}}, .tree = {},
        .report = {0, 1, 2},
-       .errors = {multipleStarG + "10.1.1.1] and using [RP: 10.1.1.2]",
-                  "Invalid Encoded Group Address - Not Multicast - Address: 10.9.9.9", "0, 1, 2", zeroValid},
+       .errors = {multipleStarG + "10.1.1.1] and using [RP: 10.1.1.2]", "Invalid Encoded Group Address - Not Multicast - Address: 10.9.9.9", "0, 1, 2", zeroValid},
        .notes = {bidirFilter + "225.1.1.1 Bidirectional: 1 Msg Bidirectional Support: 0", invalidPrefix + "10.9.9.9"},
        .accepted = false},
-      {.name = "no group at all",
-       .groups = {},
-       .tree = {},
-       .report = {0, 0, 0},
-       .errors = {"0, 0, 0", zeroValid},
-       .accepted = false},
-      {.name = "every group filtered, then trailing bytes: the group failure wins",
-       .groups = {{G, {}}},
-       .tree = {},
-       .report = {0, 0, 0},
-       .errors = {zeroSources + "225.1.1.1", "0, 0, 0", zeroValid},
-       .accepted = false,
+      {.name = "every group filtered, then trailing bytes: the group failure wins", .groups = {{G, {}}}, .tree = {},
+       .report = {0, 0, 0}, .errors = {zeroSources + "225.1.1.1", "0, 0, 0", zeroValid}, .accepted = false,
        .trailing = {0, 0}},
       // A group that comes again adds its entries under the same rules as one record would.
       {.name = "a group twice: an (S,G) join after the (S,G,rpt) prune of the first record",
-       .groups = {{G, {}, {rpt("10.2.2.2")}}, {G, {sg("10.2.2.2")}, {}}},
-       .tree = {"225.1.1.1: (S,G) join 10.2.2.2"},
-       .report = {1, 1, 0},
-       .errors = {source + "10.2.2.2" + bothSgRpt}},
-      {.name = "a group twice: an (S,G) join after the (S,G) prune of the first record",
-       .groups = {{G, {}, {sg("10.3.3.3")}}, {G, {sg("10.3.3.3"), sg("10.3.3.4")}, {}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.4", "225.1.1.1: (S,G) prune 10.3.3.3"},
-       .report = {2, 1, 0},
-       .errors = {source + "10.3.3.3" + bothSg}},
-      {.name = "a group twice: (*,G) and (S,G,rpt) joins after the (*,G) prune of the first record",
-       .groups = {{G, {}, {wc("10.1.1.1")}}, {G, {wc("10.1.1.9"), rpt("10.2.2.2")}, {rpt("10.2.2.3")}}},
-       .tree = {"225.1.1.1: (*,G) prune 10.1.1.1"},
-       .report = {1, 3, 0},
-       .errors = {"Invalid Pim Join/Prune Source - Received (*,G) join and prune source. Removing (*,G) join [RP: "
-                  "10.1.1.9] and using (*,G) prune [RP: 10.1.1.1]"}},
-      {.name = "a group twice, the second record filtered: the first record's entries stay",
-       .groups = {{G, {sg("10.3.3.3")}}, {G, {sg("10.3.3.4")}, {}, 0x80}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"},
-       .report = {1, 0, 1},
-       .notes = {bidirFilter + "225.1.1.1 Bidirectional: 1 Msg Bidirectional Support: 0"}},
-      {.name = "bytes after the last group",
-       .groups = {{G, {sg("10.3.3.3")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"},
-       .report = {1, 0, 0},
-       .errors = {"Invalid Pim Join/Prune - End of Message - Remaining: 3"},
-       .accepted = false,
-       .trailing = {0, 0, 0}},
-      {.name = "a source beyond the counts",
-       .groups = {{G, {sg("10.3.3.3")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"},
-       .report = {1, 0, 0},
-       .errors = {"Invalid Pim Join/Prune - End of Message - Remaining: 8"},
-       .accepted = false,
-       .trailing = {0x01, 0x00, 0x04, 0x20, 0x0a, 0x03, 0x03, 0x04}},
+       .groups = {{G, {}, {rpt("10.2.2.2")}}, {G, {sg("10.2.2.2")}, {}}}, .tree = {"225.1.1.1: (S,G) join 10.2.2.2"},
+       .report = {1, 1, 0}, .errors = {source + "10.2.2.2" + bothSgRpt}},
+      {.name = "bytes after the last group", .groups = {{G, {sg("10.3.3.3")}}},
+       .tree = {"225.1.1.1: (S,G) join 10.3.3.3"}, .report = {1, 0, 0},
+       .errors = {"Invalid Pim Join/Prune - End of Message - Remaining: 3"}, .accepted = false, .trailing = {0, 0, 0}},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
@@ -645,10 +454,6 @@ TEST(JoinPruneRead, RejectTable) {
       {"three bytes",
        {0x23, 0x00, 0x00},
        {"Invalid Pim Message - Missing Pim Header - Remaining: 3", "Invalid Pim Join/Prune - Header - Parse Error"}},
-      {"upstream cut after its family",
-       cat({header, {0x01}}),
-       {"Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: 1 Expected: 2",
-        "Invalid Pim Join/Prune - Upstream Neighbor Address - Parse Error"}},
       {"upstream encoding 1",
        cat({header, {0x01, 0x01, 0x0a, 0x00, 0x00, 0x02}, oneGroup}),
        {"Invalid Encoded Unicast Address - Invalid Encoding - Value: \x01",
@@ -668,44 +473,17 @@ TEST(JoinPruneRead, RejectTable) {
        cat({header, {0x01, 0x00, 0xe0, 0x00, 0x00, 0x05}, oneGroup}),
        {"Invalid Encoded Unicast Address - Not Unicast - Address: 224.0.0.5",
         "Invalid Pim Join/Prune - Upstream Neighbor Address - Invalid Address: 224.0.0.5"}},
-      {"no J/P info", cat({header, up4}), {"Invalid Pim Join/Prune - J/P Info Length - Remaining: 0 Expected: 4"}},
-      {"three bytes of J/P info",
-       cat({header, up4, {0x00, 0x01, 0x00}}),
-       {"Invalid Pim Join/Prune - J/P Info Length - Remaining: 3 Expected: 4"}},
-      {"IPv6: two bytes of J/P info",
-       cat({header, up6, {0x00, 0x01}}),
-       {"Invalid Pim Join/Prune - J/P Info Length - Remaining: 2 Expected: 4"},
-       true},
       {"group encoding 1",
        cat({header, up4, oneGroup, {0x01, 0x01, 0x00, 0x20, 0xe1, 0x01, 0x01, 0x01}}),
        {"Invalid Encoded Group Address - Invalid Encoding - Value: \x01",
         "Invalid Pim Join/Prune - Group Address - Parse Error"}},
-      {"group family 7",
-       cat({header, up4, oneGroup, {0x07, 0x00, 0x00, 0x20, 0xe1, 0x01, 0x01, 0x01}}),
-       {"Invalid Encoded Group Address - Invalid Family - Value: \x07",
-        "Invalid Pim Join/Prune - Group Address - Parse Error"}},
-      {"two groups promised, one sent",
-       cat({header, up4, {0x00, 0x02, 0x00, 0xd2}, group, {0, 1, 0, 0}, source}),
-       {"Invalid Encoded Group Address - Family and Encoding Length - Remaining: 0 Expected: 4",
-        "Invalid Pim Join/Prune - Group Address - Parse Error"}},
-      {"counts cut",
-       cat({header, up4, oneGroup, group, {0x00, 0x01}}),
-       {"Invalid Pim Join/Prune - Number of Sources - Remaining: 2 Expected: 4"}},
       {"no joined source",
        cat({header, up4, oneGroup, group, {0, 1, 0, 0}}),
        {"Invalid Encoded Source Address - Family and Encoding Length - Remaining: 0 Expected: 4",
         "Invalid Pim Join/Prune - Joined Source Address - Parse Error"}},
-      {"joined source cut",
-       cat({header, up4, oneGroup, group, {0, 1, 0, 0}, {0x01, 0x00, 0x04, 0x20, 0x0a, 0x03}}),
-       {"Invalid Encoded Source Address - Ip Address Length - Remaining: 2 Expected: 4",
-        "Invalid Pim Join/Prune - Joined Source Address - Parse Error"}},
       {"pruned source encoding 2",
        cat({header, up4, oneGroup, group, {0, 0, 0, 1}, {0x01, 0x02, 0x04, 0x20, 0x0a, 0x03, 0x03, 0x03}}),
        {"Invalid Encoded Source Address - Invalid Encoding - Value: \x02",
-        "Invalid Pim Join/Prune - Pruned Source Address - Parse Error"}},
-      {"second pruned source missing",
-       cat({header, up4, oneGroup, group, {0, 1, 0, 2}, source, source2}),
-       {"Invalid Encoded Source Address - Family and Encoding Length - Remaining: 0 Expected: 4",
         "Invalid Pim Join/Prune - Pruned Source Address - Parse Error"}},
   };
   for (const Case& c : cases) {
@@ -719,64 +497,30 @@ TEST(JoinPruneRead, RejectTable) {
   }
 }
 
-TEST(JoinPruneRead, BadChecksumFailsTheHeader) {
-  Bytes b = checksummed(goldenV4, false);
-  const U32 stored = U32(b[2]) << 8 | b[3];
-  b[13] -= 1;  // the holdtime changes under the checksum
-  auto m = message();
-  Loom::TraceCapture cap(1);
-  EXPECT_EQ(m->readJoinPruneMessage(pkt(b), 0, nullptr), 0u);
-  EXPECT_EQ(errors(cap), (std::vector<std::string>{
-                             "Invalid Pim Message - Checksum - Received: " + std::to_string(stored) + " Calculated: 1",
-                             "Invalid Pim Join/Prune - Header - Parse Error"}));
-}
-
-TEST(JoinPruneRead, TruncationIpv4) {
-  const Fragment familyAndEncoding{2, "Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: "};
-  const Fragment unicastAddress{4, "Invalid Encoded Unicast Address - Ip Address Length - Remaining: "};
-  const Fragment groupHead{4, "Invalid Encoded Group Address - Family and Encoding Length - Remaining: "};
-  const Fragment groupAddress{4, "Invalid Encoded Group Address - Ip Address Length - Remaining: "};
-  const Fragment counts{4, "Invalid Pim Join/Prune - Number of Sources - Remaining: "};
-  const Fragment sourceHead{4, "Invalid Encoded Source Address - Family and Encoding Length - Remaining: "};
-  const Fragment sourceAddress{4, "Invalid Encoded Source Address - Ip Address Length - Remaining: "};
-  std::vector<Fragment> fragments = {
-      {4, "Invalid Pim Message - Missing Pim Header - Remaining: "},
-      familyAndEncoding,
-      unicastAddress,
-      {4, "Invalid Pim Join/Prune - J/P Info Length - Remaining: "},
-  };
-  for (int sources : {3, 3, 2, 2}) {  // the four groups of goldenV4
-    fragments.insert(fragments.end(), {groupHead, groupAddress, counts});
-    for (int i = 0; i < sources; ++i) fragments.insert(fragments.end(), {sourceHead, sourceAddress});
-  }
-  checkTruncations(checksummed(goldenV4, false), fragments, v4Src, v4Dst, [](const Loom::Ptr<Knet::Pkt>& p) {
-    auto m = message();
-    return m->readJoinPruneMessage(p, 0, nullptr);
-  });
-}
-
-TEST(JoinPruneRead, TruncationIpv6) {
-  std::vector<Fragment> fragments = {
-      {4, "Invalid Pim Message - Missing Pim Header - Remaining: "},
-      {2, "Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: "},
-      {16, "Invalid Encoded Unicast Address - Ip6 Address Length - Remaining: "},
-      {4, "Invalid Pim Join/Prune - J/P Info Length - Remaining: "},
-  };
-  for (int group = 0; group < 2; ++group) {  // the two groups of goldenV6, two sources each
-    fragments.insert(fragments.end(),
-                     {{4, "Invalid Encoded Group Address - Family and Encoding Length - Remaining: "},
-                      {16, "Invalid Encoded Group Address - Ip Address Length - Remaining: "},
-                      {4, "Invalid Pim Join/Prune - Number of Sources - Remaining: "}});
-    for (int i = 0; i < 2; ++i) {
-      fragments.insert(fragments.end(),
-                       {{4, "Invalid Encoded Source Address - Family and Encoding Length - Remaining: "},
-                        {16, "Invalid Encoded Source Address - Ip Address Length - Remaining: "}});
+// Cut at every length of both golden packets: each field fails with its own text.
+TEST(JoinPruneRead, TruncationBothFamilies) {
+  for (bool v6 : {false, true}) {
+    SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+    const U32 a = v6 ? 16 : 4;  // the bytes of an address
+    const std::string group = "Invalid Encoded Group Address - ", source = "Invalid Encoded Source Address - ";
+    std::vector<Fragment> fragments = {
+        {4, "Invalid Pim Message - Missing Pim Header - Remaining: "},
+        {2, "Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: "},
+        {a, std::string("Invalid Encoded Unicast Address - Ip") + (v6 ? "6" : "") + " Address Length - Remaining: "},
+        {4, "Invalid Pim Join/Prune - J/P Info Length - Remaining: "},
+    };
+    for (int sources : v6 ? std::vector<int>{2, 2} : std::vector<int>{3, 3, 2, 2}) {  // the groups of the packet
+      fragments.insert(fragments.end(), {{4, group + "Family and Encoding Length - Remaining: "},
+                                         {a, group + "Ip Address Length - Remaining: "},
+                                         {4, "Invalid Pim Join/Prune - Number of Sources - Remaining: "}});
+      for (int i = 0; i < sources; ++i) {
+        fragments.insert(fragments.end(), {{4, source + "Family and Encoding Length - Remaining: "},
+                                           {a, source + "Ip Address Length - Remaining: "}});
+      }
     }
+    checkTruncations(checksummed(v6 ? goldenV6 : goldenV4, v6), fragments, v6 ? v6Src : v4Src, v6 ? v6Dst : v4Dst,
+                     [v6](const Loom::Ptr<Knet::Pkt>& p) { return message(v6)->readJoinPruneMessage(p, 0, nullptr); });
   }
-  checkTruncations(checksummed(goldenV6, true), fragments, v6Src, v6Dst, [](const Loom::Ptr<Knet::Pkt>& p) {
-    auto m = message(true);
-    return m->readJoinPruneMessage(p, 0, nullptr);
-  });
 }
 
 // ======================================================================== encoder failures
@@ -793,7 +537,6 @@ TEST(JoinPruneWrite, RejectTable) {
     U32 offset = 0;
   };
   auto nothing = [](JoinPruneMessage&, JoinPruneData&) {};
-  auto periodic = [](JoinPruneMessage&, JoinPruneData& d) { d.periodicIs(true); };
   const std::string zeroGroups = "Invalid Pim Join/Prune - Zero Num Groups";
   const Case cases[] = {
       {"no address family",
@@ -804,30 +547,17 @@ TEST(JoinPruneWrite, RejectTable) {
        1500, 1500, {"Invalid Pim Join/Prune - Unsupported Address Family - Af: ipUnknown(0)"}},
       {"MTU bigger than the buffer", nothing, 1500, 1479,
        {"Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: 1480 Buffer: 1479"}},
-      {"buffer shortened by the offset", nothing, 1500, 1500,
-       {"Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: 1480 Buffer: 1460"}, {}, false, 40},
-      {"IPv6: MTU bigger than the buffer", nothing, 1500, 1455,
-       {"Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: 1456 Buffer: 1455"}, {}, true},
       {"no room for the header", nothing, 27, 100,
        {"Invalid Pim Join/Prune - Header - Unavailable Space - Remaining: 0"}},
-      {"MTU below the IP header: cut toward zero", nothing, 10, 100,
-       {"Invalid Pim Join/Prune - Header - Unavailable Space - Remaining: -8"}},
       {"upstream of the other family", [](JoinPruneMessage&, JoinPruneData& d) { d.upstreamIs(ip("fe80::2")); }, 1500,
        1500, {"Invalid Pim Join/Prune - Invalid Family - Family: ipv6 Upstream Address: fe80::2"}},
       {"multicast upstream", [](JoinPruneMessage&, JoinPruneData& d) { d.upstreamIs(ip("224.0.0.5")); }, 1500, 1500,
        {"Invalid Encoded Unicast Address - Not Unicast - Address: 224.0.0.5",
         "Invalid Pim Join/Prune - Upstream Neighbor Address - Write Error"}},
-      {"buffer too short for the upstream", nothing, 28, 8,
-       {"Invalid Encoded Unicast Address - Ip Address Length - Remaining: 2 Expected: 4",
-        "Invalid Pim Join/Prune - Upstream Neighbor Address - Write Error"}},
       {"no room for the J/P info", nothing, 28, 100,
        {"Invalid Pim Join/Prune - J/P Info - Unavailable Space - Remaining: -2 Expected: 4"}},
-      {"IPv6: no room for the J/P info", nothing, 64, 100,
-       {"Invalid Pim Join/Prune - J/P Info - Unavailable Space - Remaining: 2 Expected: 4"}, {}, true},
       {"MTU too small for one group", nothing, 52, 100,
        {"Invalid Pim Join/Prune - Insufficient MTU Size - Remaining: 18 Minimum Expected: 20"}},
-      {"IPv6: MTU too small for one group", nothing, 104, 100,
-       {"Invalid Pim Join/Prune - Insufficient MTU Size - Remaining: 38 Minimum Expected: 44"}, {}, true},
       {"periodic (*,G) prune refused",
        [](JoinPruneMessage&, JoinPruneData& d) {
          d.periodicIs(true);
@@ -835,18 +565,9 @@ TEST(JoinPruneWrite, RejectTable) {
          d.joinPruneGroupDataIs(ip("225.1.1.1")).wcSourceDataIs(ip("10.1.1.1"), false);
        },
        1500, 1500, {"Invalid Pim Join/Prune - Periodic (*,G)-Prune", zeroGroups}, {0, 0, 1}},
-      {"nothing but empty groups",
-       [](JoinPruneMessage&, JoinPruneData& d) { d.joinPruneGroupDataIs(ip("225.1.1.1")).entriesDelAll(); }, 1500, 1500,
-       {zeroGroups}},
       {"every group filtered",
        [](JoinPruneMessage&, JoinPruneData& d) { d.joinPruneGroupDataIs(ip("225.1.1.1")).groupFlagsIs(0x80); }, 1500,
        1500, {zeroGroups}, {0, 0, 1}},
-      {"every join suppressed",
-       [=](JoinPruneMessage& m, JoinPruneData& d) {
-         periodic(m, d);
-         d.joinPruneGroupDataIs(ip("225.1.1.1")).joinSuppressSourceIs(ip("10.3.3.3"));
-       },
-       1500, 1500, {zeroGroups}, {0, 1, 0}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -910,33 +631,9 @@ TEST(JoinPruneWrite, EntriesThatCannotBeWritten) {
         "10.1.1.1"},
        {1, 0, 2},
        {good}},
-      {"multicast (S,G,rpt) join",
-       {good, "225.1.1.1: (S,G,rpt) join 232.1.1.1"},
-       {notUnicast, "Pim Join/Prune - Joined Rpt Source Address - Write Error"},
-       {badSource},
-       {1, 0, 1},
-       {good}},
-      {"multicast (S,G) join",
-       {good, "225.1.1.1: (S,G) join 232.1.1.1"},
-       {notUnicast, "Pim Join/Prune - Joined Source Address - Write Error"},
-       {badSource},
-       {1, 0, 1},
-       {good}},
       {"multicast RP",
        {good, "225.1.1.1: (*,G) join 232.1.1.1"},
        {notUnicast, "Invalid Pim Join/Prune - (*,G) RP Address - Write Error"},
-       {badSource},
-       {1, 0, 1},
-       {good}},
-      {"multicast (S,G,rpt) prune",
-       {good, "225.1.1.1: (S,G,rpt) prune 232.1.1.1"},
-       {notUnicast, "Pim Join/Prune - Pruned Rpt Source Address - Write Error"},
-       {badSource},
-       {1, 0, 1},
-       {good}},
-      {"multicast (S,G) prune",
-       {good, "225.1.1.1: (S,G) prune 232.1.1.1"},
-       {notUnicast, "Pim Join/Prune - Pruned Source Address - Write Error"},
        {badSource},
        {1, 0, 1},
        {good}},
@@ -1000,32 +697,6 @@ TEST(JoinPruneWrite, RoomFromTheMtu) {
   }
 }
 
-TEST(JoinPruneWrite, AtMost255Groups) {
-  std::vector<std::string> list;
-  for (U32 i = 0; i < 300; ++i) list.push_back(Knet::IpGenAddr::ipv4(0xe1010000 + i).str() + ": (S,G) join 10.0.0.1");
-  auto d = tree(list);
-  auto m = writer(d, false, 9000);
-  Loom::TraceCapture cap(7);
-  const Bytes first = write(m, 9000);
-  EXPECT_EQ(first.size(), 14u + 255 * 20);
-  EXPECT_EQ(first[11], 255);
-  EXPECT_EQ(decoded(first).size(), 255u);
-  ASSERT_TRUE(d->bookmark());
-  EXPECT_EQ(d->bookmark()->group, ip("225.1.0.255"));  // the 256th group
-  EXPECT_FALSE(d->bookmark()->source.isSet());
-  EXPECT_TRUE(cap.contains("Pim Join/Prune - Reached Max Mtu or Max Group of 255"));
-  EXPECT_TRUE(cap.contains("Bookmark set. Bookmark: (225.1.0.255, unset) Collection: "));
-  cap.clear();
-  const Bytes second = write(m, 9000);
-  EXPECT_TRUE(cap.contains("Bookmark processed and deleted. Bookmark: (225.1.0.255, unset) Collection: "));
-  EXPECT_EQ(second.size(), 14u + 45 * 20);
-  const auto rest = decoded(second);
-  ASSERT_EQ(rest.size(), 45u);
-  EXPECT_EQ(rest.front(), "225.1.0.255: (S,G) join 10.0.0.1");
-  EXPECT_FALSE(d->bookmark());
-  EXPECT_TRUE(d->empty());
-}
-
 // A small MTU splits the tree; each message starts where the previous one stopped. mtu 84 leaves
 // room for 64 bytes: one group with four entries.
 TEST(JoinPruneWrite, BookmarkResume) {
@@ -1054,8 +725,6 @@ TEST(JoinPruneWrite, BookmarkResume) {
   const std::string starG = "225.1.1.1: (*,G) join 10.1.1.1";
   const std::string starGPrune = "225.1.1.1: (*,G) prune 10.1.1.1";
   const std::string prune = "225.1.1.1: (S,G) prune 10.0.0.9";
-  const auto prunes = many("(S,G) prune", "10.3.3.", 3);
-  const auto rptJoins3 = many("(S,G,rpt) join", "10.2.2.", 3);
   const std::vector<std::string> twoGroups = {"225.1.1.1: (S,G) join 10.0.0.1", "225.1.1.1: (S,G) join 10.0.0.2",
                                               "225.1.1.1: (S,G) join 10.0.0.3", "225.1.1.2: (S,G) join 10.0.0.1"};
   const Case cases[] = {
@@ -1066,18 +735,9 @@ TEST(JoinPruneWrite, BookmarkResume) {
       {"periodic (S,G,rpt) prunes behind a (*,G) join", true, plus({starG}, rptPrunes),
        {plus({starG}, slice(rptPrunes, 0, 3)), slice(rptPrunes, 3, 6)},
        {"Bookmark: (225.1.1.1, 10.2.2.4) Collection: (S,G,rpt) Type: prune", ""}},
-      {"triggered (S,G,rpt) joins", false, rptJoins,
-       {slice(rptJoins, 0, 4), slice(rptJoins, 4, 6)},
-       {"Bookmark: (225.1.1.1, 10.2.2.5) Collection: (S,G,rpt) Type: join", ""}},
       {"triggered (*,G) join that no longer fits", false, plus(slice(joins, 0, 4), {starG, prune}),
        {slice(joins, 0, 4), {starG, prune}},
        {"Bookmark: (225.1.1.1, 10.1.1.1) Collection: (*,G) Type: join", ""}},
-      {"triggered (*,G) prune that no longer fits", false, plus(slice(joins, 0, 4), {starGPrune}),
-       {slice(joins, 0, 4), {starGPrune}},
-       {"Bookmark: (225.1.1.1, 10.1.1.1) Collection: (*,G) Type: prune", ""}},
-      {"triggered (S,G) prunes", false, plus(rptJoins3, prunes),
-       {plus(rptJoins3, slice(prunes, 0, 1)), slice(prunes, 1, 3)},
-       {"Bookmark: (225.1.1.1, 10.3.3.2) Collection: (S,G) Type: prune", ""}},
       {"a group that does not fit starts the next message", false, twoGroups,
        {slice(twoGroups, 0, 3), slice(twoGroups, 3, 4)},
        {"Bookmark: (225.1.1.2, unset) Collection: ", ""}},
@@ -1086,28 +746,14 @@ TEST(JoinPruneWrite, BookmarkResume) {
     SCOPED_TRACE(c.name);
     auto d = tree(c.list, false, c.periodic);
     auto m = writer(d, false, 84);
-    std::string previous;
     for (size_t i = 0; i < c.packets.size(); ++i) {
       SCOPED_TRACE("packet " + std::to_string(i + 1));
-      Loom::TraceCapture cap(7);
       const Bytes out = write(m, 84);
       EXPECT_LE(out.size(), 64u);
       EXPECT_EQ(decoded(out), c.packets[i]);
       std::ostringstream bookmark;
       if (d->bookmark()) bookmark << d->bookmark().ptr();
       EXPECT_EQ(bookmark.str(), c.bookmarks[i]);
-      if (bookmark.str().ends_with("Collection: (S,G,rpt) Type: prune")) {
-        EXPECT_TRUE(cap.contains("Packed as many (S,G,rpt) prunes as possible.  Reached max buffer size."));
-      }
-      if (bookmark.str().ends_with("Collection: ")) {
-        EXPECT_TRUE(cap.contains("Bookmark set. " + bookmark.str()));
-      } else if (!bookmark.str().empty()) {
-        EXPECT_TRUE(cap.contains("Setting bookmark. " + bookmark.str()));
-      }
-      if (!previous.empty()) {
-        EXPECT_TRUE(cap.contains("Bookmark processed and deleted. " + previous));
-      }
-      previous = bookmark.str();
     }
     if (c.periodic) {
       EXPECT_EQ(entries(*d), entries(*tree(c.list))) << "a periodic tree keeps its entries";
@@ -1142,36 +788,6 @@ TEST(JoinPruneWrite, PackedRptPrunesAreRecorded) {
   EXPECT_DEATH(m->writeJoinPruneMessage(pkt(Bytes(1500)), 0, nullptr), "not data->periodic\\(\\)");
 }
 
-TEST(JoinPruneWrite, BookmarkText) {
-  struct Case {
-    const char* group;
-    const char* source;  // nullptr: the start of the group
-    U8 collection;
-    bool join;
-    const char* text;
-  };
-  const Case cases[] = {
-      {"225.1.1.1", "10.0.0.5", 0x00, true, "Bookmark: (225.1.1.1, 10.0.0.5) Collection: (S,G) Type: join"},
-      {"225.1.1.1", "10.0.0.5", 0x04, false, "Bookmark: (225.1.1.1, 10.0.0.5) Collection: (S,G) Type: prune"},
-      {"225.1.1.1", "10.0.0.5", 0x01, false, "Bookmark: (225.1.1.1, 10.0.0.5) Collection: (S,G,rpt) Type: prune"},
-      {"225.1.1.1", "10.0.0.5", 0x05, true, "Bookmark: (225.1.1.1, 10.0.0.5) Collection: (S,G,rpt) Type: join"},
-      {"225.1.1.1", "10.1.1.1", 0x03, true, "Bookmark: (225.1.1.1, 10.1.1.1) Collection: (*,G) Type: join"},
-      {"225.1.1.1", "10.1.1.1", 0x02, false, "Bookmark: (225.1.1.1, 10.1.1.1) Collection: unknown Type: prune"},
-      {"ff0e::1", "2001:db8::1", 0x00, false, "Bookmark: (ff0e::1, 2001:db8::1) Collection: (S,G) Type: prune"},
-      {"225.1.1.1", nullptr, 0x01, false, "Bookmark: (225.1.1.1, unset) Collection: "},
-  };
-  for (const Case& c : cases) {
-    JoinPruneData::Bookmark b;
-    b.group = ip(c.group);
-    if (c.source) b.source = ip(c.source);
-    b.collection = SourceFlags(c.collection);
-    b.join = c.join;
-    std::ostringstream os;
-    os << &b;
-    EXPECT_EQ(os.str(), c.text);
-  }
-}
-
 // Join suppression applies to periodic messages only; the marks are used up.
 TEST(JoinPruneWrite, Suppression) {
   struct Case {
@@ -1182,7 +798,6 @@ TEST(JoinPruneWrite, Suppression) {
     std::vector<const char*> suppressWc;     // groups
     std::vector<std::string> written;
     Report report;
-    std::vector<std::string> traces;         // level 7
     std::vector<std::string> writtenNext;    // by the next message; empty: not sent
   };
   const std::string j1 = "225.1.1.1: (S,G) join 10.0.0.1", j2 = "225.1.1.1: (S,G) join 10.0.0.2",
@@ -1190,18 +805,15 @@ TEST(JoinPruneWrite, Suppression) {
                     rptPrune = "225.1.1.1: (S,G,rpt) prune 10.2.2.1", other = "225.1.1.2: (S,G) join 10.0.0.1";
   const Case cases[] = {
       {"marked (S,G) join left out once", true, {j1, j2, j3}, {"225.1.1.1 10.0.0.2"}, {}, {j1, j3}, {2, 1, 0},
-       {"Joined Source Suppressed - Group: 225.1.1.1 Address: 10.0.0.2"}, {j1, j2, j3}},
+       {j1, j2, j3}},
       {"marked (*,G) join left out once", true, {j1, wc}, {}, {"225.1.1.1"}, {j1}, {1, 1, 0},
-       {"(*,G) Source Suppressed - Group: 225.1.1.1 Address: 10.1.1.1"}, {j1, wc}},
+       {j1, wc}},
       {"marked (*,G) join kept beside (S,G,rpt) prunes", true, {wc, rptPrune}, {}, {"225.1.1.1"}, {wc, rptPrune},
-       {2, 0, 0}, {}, {}},
+       {2, 0, 0}, {}},
       {"a triggered message ignores the marks", false, {j1, j2, wc, other}, {"225.1.1.1 10.0.0.2"}, {"225.1.1.1"},
-       {j1, j2, wc, other}, {4, 0, 0}, {}, {}},
+       {j1, j2, wc, other}, {4, 0, 0}, {}},
       {"a group with every entry suppressed is taken back out", true, {j1, other}, {"225.1.1.1 10.0.0.1"}, {}, {other},
-       {1, 1, 0},
-       {"Pim Join/Prune - No Sources In Group - Address: 225.1.1.1 - Probably Due to Suppressed Joins",
-        "Group 225.1.1.1 has 0 joined sources and 0 pruned sources."},
-       {j1, other}},
+       {1, 1, 0}, {j1, other}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -1212,16 +824,8 @@ TEST(JoinPruneWrite, Suppression) {
     }
     for (const char* g : c.suppressWc) d->joinPruneGroupData(ip(g))->wcSuppressedIs(true);
     auto m = writer(d);
-    Loom::TraceCapture cap(7);
-    const Bytes out = write(m);
-    const auto written = decoded(out);
-    EXPECT_EQ(written, c.written);
+    EXPECT_EQ(decoded(write(m)), c.written);
     EXPECT_EQ(m->report(), c.report);
-    for (const auto& t : c.traces) EXPECT_TRUE(cap.contains(t)) << t;
-    // The packet holds exactly the groups written: 14 bytes, then 12 per group and 8 per entry.
-    std::set<std::string> groups;
-    for (const auto& e : written) groups.insert(e.substr(0, e.find(':')));
-    EXPECT_EQ(out.size(), 14 + 12 * groups.size() + 8 * written.size());
     if (!c.periodic) {
       EXPECT_TRUE(d->empty());
       continue;
@@ -1263,8 +867,6 @@ TEST(JoinPruneWrite, GroupFilters) {
   const Case cases[] = {
       {"sparse mode, triggered", false, false, {"227.1.1.1: (S,G) join 10.0.0.4"}, {1, 0, 4},
        {boundaryText, bidirText + "226.1.1.1 Bidirectional: 1 Msg Bidirectional Support: 0", familyText}},
-      {"sparse mode, periodic", true, false, {"227.1.1.1: (S,G) join 10.0.0.4"}, {1, 0, 4},
-       {boundaryText, bidirText + "226.1.1.1 Bidirectional: 1 Msg Bidirectional Support: 0", familyText}},
       {"bidirectional, triggered", false, true, {"226.1.1.1: (S,G) join 10.0.0.3"}, {1, 0, 4},
        {boundaryText, bidirText + "227.1.1.1 Bidirectional: 0 Msg Bidirectional Support: 1",
         bidirText + "ff0e::1 Bidirectional: 0 Msg Bidirectional Support: 1"}},
@@ -1283,21 +885,6 @@ TEST(JoinPruneWrite, GroupFilters) {
     EXPECT_TRUE(errors(cap).empty()) << firstError(cap);
     EXPECT_EQ(d->routes(), c.periodic ? 5u : 0u);
   }
-}
-
-TEST(JoinPruneWrite, TracesWhatAReceiverReads) {
-  auto d = tree({"225.1.1.1: (S,G) join 10.3.3.3"});
-  auto m = writer(d);
-  auto p = pkt(Bytes(1500));
-  Loom::TraceCapture cap(4);
-  const U32 n = m->writeJoinPruneMessage(p, 0, nullptr);
-  ASSERT_EQ(n, 34u);
-  EXPECT_TRUE(errors(cap).empty()) << firstError(cap);
-  EXPECT_TRUE(cap.contains("TX: <PIM type=joinPrune | upstream=10.0.0.2, holdtime=210, numGroups=1, groups=[ "
-                           "\tgroup=( address=225.1.1.1, flags=0x00 )\n"
-                           "\t\tjoin=10.3.3.3, (S,G)\n"
-                           " ]>"));
-  EXPECT_EQ(p->size(), n) << "the packet is cut to the message for the read-back";
 }
 
 // A message that a receiver would refuse: 0.0.0.0 is written, but no receiver takes it as a
@@ -1321,34 +908,16 @@ TEST(JoinPruneWrite, ReadBackFailure) {
   }
 }
 
-TEST(JoinPruneMessage, DefaultsReportAndEmptyText) {
-  JoinPruneMessage m;
-  EXPECT_EQ(m.pimMessageType(), Knet::pimJoinPrune());
-  EXPECT_EQ(m.mtu(), 1500u);
-  EXPECT_FALSE(m.bidir());
-  EXPECT_EQ(m.report(), (Report{0, 0, 0}));
-  EXPECT_FALSE(m.joinPruneData());
-  std::ostringstream os;
-  os << &m;
-  EXPECT_EQ(os.str(), "") << "a message without data renders as nothing";
-
+// The report's text form reads back; other texts are refused.
+TEST(JoinPruneMessage, ReportTextForm) {
   const Report r{7, 2, 3};
   EXPECT_EQ(r.skipped(), 5u);
-  const std::string text =
+  const std::string good =
       "Value('Routing::Pim::Packet::JoinPruneMessage::Report', ** {'processed': 7, 'suppressed': 2, 'filtered': 3})";
-  EXPECT_EQ(valueToStrep(r), text);
-  std::ostringstream rs;
-  rs << r;
-  EXPECT_EQ(rs.str(), text);
-  ASSERT_TRUE(reportFromStrep(text).has_value());
-  EXPECT_EQ(*reportFromStrep(text), r);
-  EXPECT_NE(Report({7, 2, 3}), Report({7, 2, 4}));
-  for (const char* bad :
-       {"", "Value('Routing::Pim::Packet::JoinPruneMessage::Report', ** {'processed': 7})",
-        "Value('Routing::Pim::Packet::JoinPruneMessage::Report', ** {'processed': x, 'suppressed': 2, "
-        "'filtered': 3})",
-        "Value('Routing::Pim::Packet::JoinPruneMessage::Report', ** {'processed': 7, 'suppressed': 2, "
-        "'filtered': 3}) "}) {
+  ASSERT_TRUE(reportFromStrep(good).has_value());
+  EXPECT_EQ(*reportFromStrep(good), r);
+  for (const std::string& bad : {std::string(), good.substr(0, good.find(", 'suppressed'")) + "})",
+                                good.substr(0, good.find("7")) + "x" + good.substr(good.find("7") + 1), good + " "}) {
     EXPECT_FALSE(reportFromStrep(bad).has_value()) << bad;
   }
 }

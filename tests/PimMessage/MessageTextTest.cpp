@@ -20,6 +20,7 @@ using namespace PimTest;
 using Routing::Pim::GroupFlags;
 using Routing::Pim::SourceFlags;
 
+// Found here, the codec's own operator<< of each type is in reach.
 template <class T>
 std::string text(const T& v) {
   std::ostringstream os;
@@ -32,31 +33,6 @@ Loom::Ptr<M> outer(Loom::Ptr<M> m, const char* src, const char* dst) {
   m->srcIpIs(ip(src));
   m->dstIpIs(ip(dst));
   return m;
-}
-
-std::string hello() {
-  auto m = outer(helloMessageFactory(), "10.0.0.1", "224.0.0.13");
-  m->holdTimeOptionIs(true);
-  m->holdTimeIs(105);
-  m->lanPruneDelayOptionIs(true);
-  m->tBitIs(true);
-  m->propagationDelayIs(HelloPropagationDelay(500));
-  m->overrideIntervalIs(3000);
-  m->drPriorityOptionIs(true);
-  m->drPriorityIs(1);
-  m->generationIdOptionIs(true);
-  m->generationIdIs(305419896);
-  m->secondaryAddrIs(ip("10.0.1.2"));
-  m->secondaryAddrIs(ip("10.0.2.2"));
-  m->bidirectionalCapableIs(true);
-  m->tcpConnectionOptionIs(true);
-  m->tcpConnectionIdIs(ip("10.0.0.1"));
-  m->sctpConnectionOptionIs(true);
-  m->sctpConnectionIdIs(ip("10.0.0.2"));
-  m->interfaceIdOptionIs(true);
-  m->routerIdIs(7);
-  m->interfaceIdIs(42);
-  return text(m.ptr());
 }
 
 // Two groups; the second has an entry of every kind.
@@ -116,31 +92,15 @@ const std::string rangeText =
     "rp=( address=10.0.0.2, Holdtime=150, Priority=192, reserved=r ), "
     "rp=( address=10.0.0.3, Holdtime=75, Priority=0, reserved=" + std::string(1, '\0') + " ) ] )";
 
-template <class M>
-Loom::Ptr<M> dfElection() {
-  auto m = outer(Loom::Ptr<M>(new M), "10.0.0.2", "224.0.0.13");
-  m->rpAddressIs(ip("10.0.0.9"));
-  m->senderMetricPrefIs({110, 20});
-  return m;
-}
-
 TEST(MessageText, EveryMessageAndRecord) {
   struct Case {
     const char* name;
     std::function<std::string()> render;
     std::string expected;
   };
-  const std::string df = "type=dfElection | type=";
-  const std::string dfCommon = ", rpAddress=10.0.0.9, senderMetricPreference=110, senderMetric=20";
   const Case cases[] = {
       {"Message", [] { return text(static_cast<const Message*>(messageFactory(Knet::PimMessageType(0x29)).ptr())); },
        "type=stateRefresh"},
-      {"Hello", hello,
-       "type=hello | Option: holdtime=105, Option: tbit=true, propagationDelay=500, override=3000, Option: drPriority=1, "
-       "Option: generationId=305419896, Option: secondary address=[ 10.0.1.2, 10.0.2.2 ], "
-       "Option: bidirectional capable, Option: sctpConnectionId = 10.0.0.1, Option: sctpConnectionId=10.0.0.2, "
-       "Option: [ RouterId :7 InterfaceId:42]"},
-      {"Hello without options", [] { return text(helloMessageFactory().ptr()); }, "type=hello | "},
       {"Register",
        [] {
          auto m = outer(registerMessageFactory(), "10.99.0.2", "10.99.0.1");
@@ -168,17 +128,6 @@ TEST(MessageText, EveryMessageAndRecord) {
          return text(m.ptr());
        },
        "type=joinPrune | upstream=10.0.0.9, holdtime=210, numGroups=2, groups=[ " + firstGroup + secondGroup + " ]"},
-      {"Join/Prune without data", [] { return text(joinPruneMessageFactory().ptr()); }, ""},
-      {"Join/Prune data", [] { return text(tree().ptr()); },
-       "upstream=10.0.0.9, holdtime=210, numGroups=2, groups=[ " + firstGroup + secondGroup + " ]"},
-      {"Join/Prune group", [] { return text(tree()->joinPruneGroupData(ip("239.2.2.2"))); }, secondGroup},
-      {"Bookmark at the start of a group",
-       [] {
-         JoinPruneData::Bookmark b;
-         b.group = ip("239.1.1.1");
-         return text(&b);
-       },
-       "Bookmark: (239.1.1.1, unset) Collection: "},
       {"Bookmark inside the (S,G,rpt) prunes",
        [] {
          JoinPruneData::Bookmark b;
@@ -205,11 +154,6 @@ TEST(MessageText, EveryMessageAndRecord) {
        "GroupData=[ " + rangeText + ", group=( prefix=239.0.0.0/8, flags=0x00, rpCount=0, fragRpCount=0, RpList=[  ] ) ]"},
       {"Bootstrap without ranges", [] { return text(bootstrap(false).ptr()); },
        "type=bootstrap Forward=False, fragmentTag=4660, hashMaskLen=30, bsrPriority=64 | bsrAddress=10.0.0.1"},
-      {"Bootstrap ranges", [] { return text(bootstrap(true)->groupRpData().ptr()); },
-       " GroupData=[ " + rangeText + ", group=( prefix=239.0.0.0/8, flags=0x00, rpCount=0, fragRpCount=0, RpList=[  ] ) ]"},
-      {"Bootstrap range", [] { return text(range().ptr()); }, rangeText},
-      {"Bootstrap RP", [] { return text(range()->rpList(ip("10.0.0.2"))); },
-       "rp=( address=10.0.0.2, Holdtime=150, Priority=192, reserved=r )"},
       {"Candidate-RP Advertisement",
        [] {
          auto m = outer(crpAdvMessageFactory(), "10.0.0.5", "10.0.0.1");
@@ -224,30 +168,6 @@ TEST(MessageText, EveryMessageAndRecord) {
        },
        "type=candidateRpAdv prefixCount=2, priority=192, holdtime=150 | rpAddress=10.0.0.5 | GroupData=[ "
        "224.0.0.0/4, groupFlags: 0x00, 239.255.0.0/16, groupFlags: 0x01(Z) ]"},
-      {"DF election, no subtype", [] { return text(dfElection<DfElectionMessage>().ptr()); },
-       df + "dfElectionMessageType(0)" + dfCommon},
-      {"DF election Offer", [] { return text(dfElection<DfElectionOfferMessage>().ptr()); },
-       df + "dfElectionOffer" + dfCommon},
-      {"DF election Winner", [] { return text(dfElection<DfElectionWinnerMessage>().ptr()); },
-       df + "dfElectionWinner" + dfCommon},
-      {"DF election Backoff",
-       [] {
-         auto m = dfElection<DfElectionBackoffMessage>();
-         m->offeringAddressIs(ip("10.0.0.3"));
-         m->offeringMetricPrefIs({100, 10});
-         m->intervalIs(1000);
-         return text(m.ptr());
-       },
-       df + "dfElectionBackoff" + dfCommon +
-           ", offeringAddress=10.0.0.3, offeringMetricPreference=100, offeringMetric=10, interval=1000"},
-      {"DF election Pass",
-       [] {
-         auto m = dfElection<DfElectionPassMessage>();
-         m->winningAddressIs(ip("10.0.0.3"));
-         m->winningMetricPrefIs({100, 10});
-         return text(m.ptr());
-       },
-       df + "dfElectionPass" + dfCommon + ", winningAddress=10.0.0.3, winningMetricPreference=100, winningMetric=10"},
       {"group address record", [] { return text(GroupAddress{ip("224.1.1.1"), GroupFlags(0x81)}); },
        "( address=224.1.1.1, flags=0x81(B,Z))"},
       {"source address record", [] { return text(SourceAddress{ip("10.0.0.1"), SourceFlags(0x05)}); },

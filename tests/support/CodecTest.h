@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -107,6 +108,63 @@ inline void checkTruncations(const Bytes& full, const std::vector<Fragment>& fra
     }
     start += f.size;
   }
+}
+
+// Which failure trace a table row names: the first one, the last one (the message's own text,
+// where an encoded address traced its failure first), or all of them joined by " | ".
+enum class Trace { first, last, all };
+
+inline std::string failureText(const Loom::TraceCapture& cap, Trace which) {
+  const std::vector<std::string> e = errors(cap);
+  if (e.empty()) return {};
+  if (which == Trace::first) return e.front();
+  if (which == Trace::last) return e.back();
+  std::string out;
+  for (const std::string& t : e) out += (out.empty() ? "" : " | ") + t;
+  return out;
+}
+
+// One row of a reject table: the bytes of a packet (its checksum is fixed before the read, so
+// that the row fails for its own reason) and the exact failure text the read must trace.
+struct Reject {
+  const char* name;
+  Bytes bytes;
+  std::string error;
+};
+
+// Reads every row with a fresh message; each must fail with its text.
+inline void checkRejects(const std::vector<Reject>& rows, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst,
+                         const std::function<U32(const Loom::Ptr<Knet::Pkt>&)>& read, Trace which = Trace::first) {
+  for (const Reject& r : rows) {
+    Bytes b = r.bytes;
+    if (b.size() >= 4) fixChecksum(b, src, dst);
+    Loom::TraceCapture cap(1);
+    EXPECT_EQ(read(pkt(b)), 0u) << r.name;
+    EXPECT_EQ(failureText(cap, which), r.error) << r.name;
+  }
+}
+
+// One row of a write-failure table: a write set up by the row, and its exact failure text.
+struct WriteFailure {
+  const char* name;
+  std::function<U32()> write;
+  std::string error;
+};
+
+inline void checkWriteFailures(const std::vector<WriteFailure>& rows, Trace which = Trace::first) {
+  for (const WriteFailure& r : rows) {
+    Loom::TraceCapture cap(1);
+    EXPECT_EQ(r.write(), 0u) << r.name;
+    EXPECT_EQ(failureText(cap, which), r.error) << r.name;
+  }
+}
+
+// The text a value renders as with operator<<.
+template <class T>
+std::string text(const T& v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
 }
 
 }  // namespace PimTest
