@@ -6,6 +6,7 @@
 //
 // Groups and sources are kept in address order (sorted vectors): iteration is deterministic, a
 // bookmark resumes by lookup, and decoding a sorted message only appends.
+#include <array>
 #include <optional>
 #include <vector>
 
@@ -34,6 +35,34 @@ class RptPrunedGroupData : public Loom::Entity {
 
  private:
   PrunedRptSources prunedRptSource_;
+};
+
+// A contradiction between a received entry and what its group already held. The rules that
+// resolve them belong to the tree: a prune wins over the same join, a (*,G) entry covers the
+// group's (S,G,rpt) entries, an (S,G) join wins over the (S,G,rpt) prune of its source, and of
+// two (*,G) joins the later one stays.
+enum class JoinPruneConflict : U8 {
+  none,
+  repeatedStarGJoin,    // a second (*,G) join replaced the first
+  starGJoinAndPrune,    // (*,G) join and prune: the prune stays
+  sgRptJoinAndPrune,    // (S,G,rpt) join and prune of one source: the prune stays
+  sgJoinAndPrune,       // (S,G) join and prune of one source: the prune stays
+  sgJoinAndSgRptPrune,  // (S,G) join and (S,G,rpt) prune of one source: the join stays
+};
+
+// What adding a received entry did beyond adding it: the entries it dropped (itself or earlier
+// ones) and the conflicts it met, at most two, in the order they were resolved.
+struct JoinPruneResolution {
+  U32 suppressed = 0;
+  std::array<JoinPruneConflict, 2> conflicts{};
+  // For the (*,G) conflicts: the RP of the entry that went and of the one that stayed.
+  Knet::IpGenAddr removedRp;
+  Knet::IpGenAddr keptRp;
+
+  void conflictIs(JoinPruneConflict c) {
+    conflicts[conflicts[0] == JoinPruneConflict::none ? 0 : 1] = c;
+    ++suppressed;
+  }
 };
 
 // Made and freed by the hundred per decoded packet, so its storage is recycled.
@@ -128,6 +157,13 @@ class JoinPruneGroupData : public Loom::Entity, public Loom::Pooled<JoinPruneGro
   bool empty() const { return routes() == 0; }
   // Deletes every entry (suppression marks included).
   void entriesDelAll();
+
+  // Adds a received join or prune of an (S,G), (S,G,rpt) or (*,G) entry, resolving its
+  // conflicts with what the group holds. A (*,G) entry's address is the RP. Within one message
+  // the joins of a group come before its prunes, so the checks of a join against the prunes only
+  // bite when the group comes again in the same message.
+  JoinPruneResolution receivedJoinIs(const Knet::IpGenAddr& s, SourceFlags flags);
+  JoinPruneResolution receivedPruneIs(const Knet::IpGenAddr& s, SourceFlags flags);
 
  private:
   Knet::IpGenAddr group_;

@@ -1,6 +1,7 @@
 #include "PimMessage/JoinPruneMessage.h"
 
 #include <array>
+#include <optional>
 #include <vector>
 
 #include "PimMessage/EncodedAddress.h"
@@ -148,14 +149,183 @@ Loom::Ptr<JoinPruneMessage> joinPruneMessageFactory() { return new JoinPruneMess
 
 // ======================================================================== decoding
 
+namespace {
+
+// What one read keeps while it walks the groups.
+struct ReadState {
+  const FailureRecord& record;
+  Knet::PktReader& r;
+  JoinPruneData& data;
+  Knet::AddressFamily family;
+  bool bidir;
+  const Boundary::IntfBoundary* boundary;
+  JoinPruneMessage::Report report;
+  U32 validGroups = 0;
+  U32 bidirFiltered = 0;
+};
+
+// Traces the conflicts that adding a source resolved.
+void traceResolution(const JoinPruneResolution& res, const Knet::IpGenAddr& s) {
+  for (const JoinPruneConflict c : res.conflicts) {
+    switch (c) {
+      case JoinPruneConflict::none:
+        break;
+      case JoinPruneConflict::repeatedStarGJoin:
+        PIM_TRACE(traceError, text(T::multipleStarG) << res.removedRp << "] and using [RP: " << res.keptRp << "]");
+        break;
+      case JoinPruneConflict::starGJoinAndPrune:
+        PIM_TRACE(traceError, text(T::starGJoinAndPrune) << res.removedRp << "] and using (*,G) prune [RP: "
+                                                          << res.keptRp << "]");
+        break;
+      case JoinPruneConflict::sgRptJoinAndPrune:
+        PIM_TRACE(traceError, text(T::source) << s << kBothSgRpt);
+        break;
+      case JoinPruneConflict::sgJoinAndPrune:
+        PIM_TRACE(traceError, text(T::source) << s << kBothSg);
+        break;
+      case JoinPruneConflict::sgJoinAndSgRptPrune:
+        PIM_TRACE(traceError, text(T::source) << s << kBothSgAndSgRpt);
+        break;
+    }
+  }
+}
+
+// Reads one encoded source of a list: the source, or nullopt with `failed` set when the list
+// cannot be read on, or nullopt alone for a source that is skipped with a warning.
+std::optional<SourceAddress> readSource(ReadState& st, bool join, bool& failed) {
+  SourceAddress source;
+  // A well-formed valid host source of the family takes the fast path; anything else the full
+  // read with its checks and texts.
+  if (EncodedSourceAddress::readValidHostSource(st.r, st.family, source)) return source;
+  const SideTexts& texts = join ? joinedTexts : prunedTexts;
+  EncodedSourceAddress enc;
+  if (enc.read(st.r) == 0) {
+    st.record.failureIs(enc.failure());
+    st.record.PIM_FAIL(texts.parse);
+    failed = true;
+    return std::nullopt;
+  }
+  source = SourceAddress{enc.prefix().address(), enc.flags()};
+  if (!enc.valid()) {
+    PIM_TRACE(traceWarning, texts.invalid << source.address);
+    return std::nullopt;
+  }
+  if (source.address.af() != st.family) {
+    PIM_TRACE(traceWarning, kSourceFamily << st.family << "Source Address: " << source.address);
+    return std::nullopt;
+  }
+  return source;
+}
+
+// Reads the joined and pruned lists of a group record into `group`; false on a failure.
+bool readSources(ReadState& st, JoinPruneGroupData& group, U16 numJoined, U16 numPruned) {
+  group.joinedSourceReserve(numJoined);
+  group.prunedSourceReserve(numPruned);
+  for (U32 i = 0; i < U32(numJoined) + numPruned; ++i) {
+    const bool join = i < numJoined;
+    bool failed = false;
+    const std::optional<SourceAddress> source = readSource(st, join, failed);
+    if (failed) return false;
+    if (!source) continue;
+    if (source->flags.wc() && !source->flags.rpt()) {
+      PIM_TRACE(traceError, text(T::wcWithoutRpt));
+      continue;
+    }
+    const JoinPruneResolution res = join ? group.receivedJoinIs(source->address, source->flags)
+                                         : group.receivedPruneIs(source->address, source->flags);
+    traceResolution(res, source->address);
+    st.report.suppressed += res.suppressed;
+  }
+  return true;
+}
+
+// Reads a group's encoded address: the group, and whether the record is dropped for its
+// family, its prefix, the interface's boundary or its mode; nullopt on a parse failure.
+std::optional<GroupAddress> readGroup(ReadState& st, bool& filtered) {
+  GroupAddress group;
+  filtered = false;
+  if (EncodedGroupAddress::readValidHostGroup(st.r, st.family, group) == 0) {
+    EncodedGroupAddress enc;
+    if (enc.read(st.r) == 0) {
+      st.record.failureIs(enc.failure());
+      st.record.PIM_FAIL(T::groupParse);
+      return std::nullopt;
+    }
+    group = GroupAddress{enc.prefix().address(), enc.flags()};
+    if (group.address.af() != st.family) {
+      PIM_TRACE(traceWarning, kGroupFamily << st.family << "Group Address: " << group.address);
+      filtered = true;
+    } else if (!enc.valid() || !enc.isHostPrefix()) {
+      PIM_TRACE(traceWarning, kGroupInvalid << group.address);
+      filtered = true;
+    }
+  }
+  if (filtered) return group;
+  const bool groupBidir = group.flags.bidir();
+  if (st.boundary && st.boundary->filtered(group.address)) {
+    PIM_TRACE(traceFilter, kGroupBoundary << group.address);
+    filtered = true;
+  } else if (groupBidir != st.bidir) {
+    ++st.bidirFiltered;
+    PIM_TRACE(traceFilter, kBidirFilter << group.address << " Bidirectional: " << groupBidir
+                                        << " Msg Bidirectional Support: " << st.bidir);
+    filtered = true;
+  }
+  return group;
+}
+
+// Reads one group record into the tree; false on a failure.
+bool readGroupRecord(ReadState& st) {
+  bool filtered = false;
+  const std::optional<GroupAddress> groupRead = readGroup(st, filtered);
+  if (!groupRead) return false;
+  const Knet::IpGenAddr& groupAddr = groupRead->address;
+  // A group that comes again in the same message adds its entries to the group read before,
+  // under the same conflict rules as if they had come in one record. A repeated record that is
+  // filtered is read aside and dropped, leaving the earlier record's entries as they are.
+  JoinPruneGroupData* const earlier = st.data.joinPruneGroupData(groupAddr);
+  Loom::Ptr<JoinPruneGroupData> aside;
+  if (earlier && filtered) aside = new JoinPruneGroupData(groupAddr);
+  JoinPruneGroupData& group = aside ? *aside : earlier ? *earlier : st.data.joinPruneGroupDataIs(groupAddr);
+  if (!earlier) group.groupFlagsIs(groupRead->flags.value());
+  // What the group held before this record: a repeat counts only what it changed.
+  const U32 routesBefore = earlier && !aside ? earlier->routes() : 0;
+
+  if (!st.r.fits(4)) {
+    st.record.PIM_FAIL(T::numSources, st.r.remaining(), " Expected: ", 4);
+    return false;
+  }
+  const U16 numJoined = st.r.readU16Be();
+  const U16 numPruned = st.r.readU16Be();
+  if (!readSources(st, group, numJoined, numPruned)) return false;
+
+  const U32 routes = group.routes();
+  if (routes == 0) {
+    PIM_TRACE(traceError, text(T::zeroSources) << groupAddr);
+    filtered = true;
+  }
+  if (filtered) {
+    st.report.filtered += routes;
+    if (!earlier) st.data.joinPruneGroupDataDel(groupAddr);
+  } else {
+    // Modulo 2^32, a repeat that removed entries of the earlier record takes them back off.
+    st.report.processed += routes - routesBefore;
+    if (!earlier) ++st.validGroups;
+  }
+  return true;
+}
+
+}  // namespace
+
 U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset,
                                            const Loom::Ptr<Boundary::IntfBoundary>& intfBoundary) {
+  bidirFilteredGroups_ = 0;
   if (readHeader(pkt, offset) == 0) {
     return PIM_FAIL(T::headerParse);
   }
+  Knet::PktReader r(pkt, offset + 4);
   EncodedUnicastAddress upstream;
-  const U32 upLen = upstream.readUnicastAddress(pkt, offset + 4);
-  if (upLen == 0) {
+  if (upstream.read(r) == 0) {
     failureIs(upstream.failure());
     return PIM_FAIL(T::upstreamParse);
   }
@@ -167,271 +337,349 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
     failureIs(upstream.failure());
     return PIM_FAIL(T::upstreamInvalid, upstream.address());
   }
-  const S64 size = pkt->size();
-  U64 pos = U64(offset) + 4 + upLen;
-  S64 remaining = size - S64(pos);
-  if (remaining <= 3) {
-    return PIM_FAIL(T::infoLength, remaining, " Expected: ", 4);
+  if (!r.fits(4)) {
+    return PIM_FAIL(T::infoLength, r.remaining(), " Expected: ", 4);
   }
   Loom::Ptr<JoinPruneData> data = new JoinPruneData(upstream.address());
-  Knet::PktReader r(pkt, static_cast<U32>(pos));
   data->reserved2Is(r.readU8());
   const U8 numGroups = r.readU8();
   data->holdTimeIs(r.readU16Be());
-  pos += 4;
-  remaining -= 4;
-
-  Report report;
-  U32 validGroups = 0;
-  bidirFilteredGroups_ = 0;
-  EncodedGroupAddress encGroup;
-  EncodedSourceAddress encSource;
   data->joinPruneGroupData().reserve(numGroups);
-  const U8* const bytes = pkt->data();
-  const U32 bytesSize = pkt->size();
-  for (U32 g = 0; g < numGroups; ++g) {
-    // A well-formed valid host group of the family takes the fast path; anything else the full
-    // read with its checks and texts.
-    GroupAddress groupRead;
-    bool filtered = false;
-    Knet::PktReader at(bytes, bytesSize, static_cast<U32>(pos));
-    U32 groupLen = EncodedGroupAddress::readValidHostGroup(at, family, groupRead);
-    if (groupLen == 0) {
-      groupLen = encGroup.readGroupAddress(pkt, static_cast<U32>(pos));
-      if (groupLen == 0) {
-        failureIs(encGroup.failure());
-        return PIM_FAIL(T::groupParse);
-      }
-      groupRead = GroupAddress{encGroup.prefix().address(), encGroup.flags()};
-      if (groupRead.address.af() != family) {
-        PIM_TRACE(traceWarning, kGroupFamily << family << "Group Address: " << groupRead.address);
-        filtered = true;
-      } else if (!encGroup.valid() || !encGroup.isHostPrefix()) {
-        PIM_TRACE(traceWarning, kGroupInvalid << groupRead.address);
-        filtered = true;
-      }
-    }
-    const Knet::IpGenAddr& groupAddr = groupRead.address;
-    const bool groupBidir = groupRead.flags.bidir();
-    if (!filtered && intfBoundary && intfBoundary->filtered(groupAddr)) {
-      PIM_TRACE(traceFilter, kGroupBoundary << groupAddr);
-      filtered = true;
-    } else if (!filtered && groupBidir != bidir_) {
-      ++bidirFilteredGroups_;
-      PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << groupBidir
-                                          << " Msg Bidirectional Support: " << bidir_);
-      filtered = true;
-    }
-    // A group that comes again in the same message adds its entries to the group read before,
-    // under the same conflict rules as if they had come in one record. A repeated record that is
-    // filtered is read aside and dropped, leaving the earlier record's entries as they are.
-    JoinPruneGroupData* const earlier = data->joinPruneGroupData(groupAddr);
-    Loom::Ptr<JoinPruneGroupData> aside;
-    if (earlier && filtered) aside = new JoinPruneGroupData(groupAddr);
-    JoinPruneGroupData& group = aside ? *aside : earlier ? *earlier : data->joinPruneGroupDataIs(groupAddr);
-    if (!earlier) group.groupFlagsIs(groupRead.flags.value());
-    // What the group held before this record: a repeat counts only what it changed.
-    const U32 routesBefore = earlier && !aside ? earlier->routes() : 0;
 
-    pos += groupLen;
-    remaining -= groupLen;
-    if (remaining < 4) {
-      return PIM_FAIL(T::numSources, remaining, " Expected: ", 4);
-    }
-    r = Knet::PktReader(pkt, static_cast<U32>(pos));
-    const U16 numJoined = r.readU16Be();
-    const U16 numPruned = r.readU16Be();
-    pos += 4;
-    remaining -= 4;
-    group.joinedSourceReserve(numJoined);
-    group.prunedSourceReserve(numPruned);
+  ReadState st{*this, r, *data, family, bidir_, intfBoundary.ptr(), {}, 0, 0};
+  bool ok = true;
+  for (U32 g = 0; g < numGroups && ok; ++g) ok = readGroupRecord(st);
+  bidirFilteredGroups_ = st.bidirFiltered;
+  if (!ok) return 0;
 
-    for (U32 i = 0; i < U32(numJoined) + numPruned; ++i) {
-      const bool join = i < numJoined;
-      SourceAddress source;
-      Knet::PktReader at(bytes, bytesSize, static_cast<U32>(pos));
-      if (const U32 n = EncodedSourceAddress::readValidHostSource(at, family, source)) {
-        pos += n;
-        remaining -= n;
-      } else {
-        const SideTexts& texts = join ? joinedTexts : prunedTexts;
-        const U32 sourceLen = encSource.readSourceAddress(pkt, static_cast<U32>(pos));
-        if (sourceLen == 0) {
-          failureIs(encSource.failure());
-          return PIM_FAIL(texts.parse);
-        }
-        pos += sourceLen;
-        remaining -= sourceLen;
-        source.address = encSource.prefix().address();
-        source.flags = encSource.flags();
-        if (!encSource.valid()) {
-          PIM_TRACE(traceWarning, texts.invalid << source.address);
-          continue;
-        }
-        if (source.address.af() != family) {
-          PIM_TRACE(traceWarning, kSourceFamily << family << "Source Address: " << source.address);
-          continue;
-        }
-      }
-      const Knet::IpGenAddr& s = source.address;
-      const SourceFlags flags = source.flags;
-      if (flags.wc() && !flags.rpt()) {
-        PIM_TRACE(traceError, text(T::wcWithoutRpt));
-        continue;
-      }
-      // The group's (*,G) entry so far. Within one record the joins come before the prunes, so
-      // the checks of a join against prunes only bite when a group comes again.
-      const auto& wc = group.wcSourceData();
-      const bool starGJoin = wc && wc->join;
-      const bool starGPrune = wc && !wc->join;
-      if (join) {
-        if (flags.isStarG()) {
-          if (starGPrune) {
-            PIM_TRACE(traceError, text(T::starGJoinAndPrune) << s << "] and using (*,G) prune [RP: " << wc->rp << "]");
-            ++report.suppressed;
-            continue;
-          }
-          if (wc) {
-            PIM_TRACE(traceError, text(T::multipleStarG) << wc->rp << "] and using [RP: " << s << "]");
-            ++report.suppressed;
-          }
-          group.wcSourceDataIs(s, true);
-          // A (*,G) join covers every (S,G,rpt) join of the group.
-          report.suppressed += static_cast<U32>(group.joinedRptSources());
-          group.joinedRptSourceDelAll();
-        } else if (flags.isSgRpt()) {
-          if (starGJoin || starGPrune) {
-            ++report.suppressed;
-          } else if (group.prunedRptSourceHas(s)) {
-            PIM_TRACE(traceError, text(T::source) << s << kBothSgRpt);
-            ++report.suppressed;
-          } else {
-            group.joinedRptSourceIs(s);
-          }
-        } else if (group.prunedSource().contains(s)) {
-          PIM_TRACE(traceError, text(T::source) << s << kBothSg);
-          ++report.suppressed;
-        } else {
-          if (group.prunedRptSourceHas(s)) {
-            PIM_TRACE(traceError, text(T::source) << s << kBothSgAndSgRpt);
-            ++report.suppressed;
-            group.prunedRptSourceDel(s);
-          }
-          group.joinedSourceIs(s);
-        }
-        continue;
-      }
-      if (flags.isStarG()) {
-        if (const auto& old = group.wcSourceData(); old && old->join) {
-          PIM_TRACE(traceError, text(T::starGJoinAndPrune) << old->rp << "] and using (*,G) prune [RP: " << s << "]");
-          ++report.suppressed;
-        }
-        group.wcSourceDataIs(s, false);
-        // A (*,G) prune overrides every (S,G,rpt) entry of the group.
-        report.suppressed += static_cast<U32>(group.prunedRptSources() + group.joinedRptSources());
-        group.prunedRptSourceDelAll();
-        group.joinedRptSourceDelAll();
-      } else if (flags.isSgRpt()) {
-        if (starGPrune) {
-          ++report.suppressed;
-          continue;
-        }
-        group.prunedRptSourceIs(s);
-        if (group.joinedRptSourceDel(s)) {
-          PIM_TRACE(traceError, text(T::source) << s << kBothSgRpt);
-          ++report.suppressed;
-        }
-        if (group.joinedSource().contains(s)) {
-          PIM_TRACE(traceError, text(T::source) << s << kBothSgAndSgRpt);
-          ++report.suppressed;
-          group.prunedRptSourceDel(s);
-        }
-      } else {
-        group.prunedSourceIs(s);
-        if (group.joinedSourceDel(s)) {
-          PIM_TRACE(traceError, text(T::source) << s << kBothSg);
-          ++report.suppressed;
-        }
-      }
-    }
-
-    const U32 routes = group.routes();
-    if (routes == 0) {
-      PIM_TRACE(traceError, text(T::zeroSources) << groupAddr);
-      filtered = true;
-    }
-    if (filtered) {
-      report.filtered += routes;
-      if (!earlier) data->joinPruneGroupDataDel(groupAddr);
-    } else {
-      // Modulo 2^32, a repeat that removed entries of the earlier record takes them back off.
-      report.processed += routes - routesBefore;
-      if (!earlier) ++validGroups;
-    }
-  }
-
-  report_ = report;
+  report_ = st.report;
   joinPruneData_ = data;
-  if (validGroups == 0) {
-    PIM_TRACE(traceError, report.processed << ", " << report.suppressed << ", " << report.filtered);
+  if (st.validGroups == 0) {
+    PIM_TRACE(traceError, st.report.processed << ", " << st.report.suppressed << ", " << st.report.filtered);
     return PIM_FAIL(T::zeroValidGroups);
   }
-  if (remaining != 0) {
-    return PIM_FAIL(T::endOfMessage, remaining);
+  if (!r.atEnd()) {
+    return PIM_FAIL(T::endOfMessage, r.remaining());
   }
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
-  return static_cast<U32>(pos - offset);
+  return r.offset() - offset;
 }
 
 // ======================================================================== encoding
 
 namespace {
 
-// The state of one write: where it is in the packet and what it has counted.
-struct Packer {
-  Packer(const Loom::Ptr<Knet::Pkt>& pkt, JoinPruneData& data, Knet::AddressFamily family, U32 pos, S64 remaining)
-      : pkt(pkt), data(data), family(family), encSize(encodedSize(family)), pos(pos), remaining(remaining),
-        periodic(data.periodic()) {}
+// The packing of one message: a writer bounded to the room the MTU leaves, the tree it drains,
+// and what it counted. One routine per kind of entry; each leaves a bookmark and marks the
+// message full when its entry does not fit.
+class Packer {
+ public:
+  Packer(const FailureRecord& record, JoinPruneData& data, Knet::PktWriter w, Knet::AddressFamily family, bool bidir,
+         const Boundary::IntfBoundary* boundary)
+      : record_(record), data_(data), w_(w), family_(family), encSize_(encodedSize(family)), bidir_(bidir),
+        periodic_(data.periodic()), boundary_(boundary) {}
 
-  const Loom::Ptr<Knet::Pkt>& pkt;
-  JoinPruneData& data;
-  Knet::AddressFamily family;
-  U32 encSize;
-  U32 pos;          // the next byte to write
-  S64 remaining;    // room left for this message
-  bool periodic;
-  U32 sources = 0;  // entries written
-  U32 groups = 0;   // groups written
-  JoinPruneMessage::Report report;
-  bool full = false;  // the message ends here (room, 255 groups or a bookmark)
+  // Packs the groups from the bookmark on until the message is full: false on a failure, which
+  // the message's record holds.
+  bool packGroups();
 
-  // Writes one source entry with its flags; 0 on failure.
-  U32 writeSource(const Knet::IpGenAddr& a, U8 flags) {
-    Knet::PktWriter at(pkt, pos);
-    if (const U32 n = EncodedSourceAddress::writeHostSource(at, a, SourceFlags(flags))) return n;
-    EncodedSourceAddress enc;
-    enc.prefixIs(Knet::IpGenPrefix(a, Knet::IpGenPrefix::maxLength(a.af())));
-    enc.flagsIs(SourceFlags(flags));
-    return enc.writeSourceAddress(pkt, pos);
+  U32 sources() const { return sources_; }
+  U32 groups() const { return groups_; }
+  Knet::PktOffset end() const { return w_.offset(); }
+  const JoinPruneMessage::Report& report() const { return report_; }
+
+ private:
+  // The entries written into the current group record, joined and pruned.
+  struct Counts {
+    U32 joined = 0;
+    U32 pruned = 0;
+  };
+
+  bool packGroup(JoinPruneGroupData& group, Collection start, const Knet::IpGenAddr& startSource);
+  bool groupLeftOut(JoinPruneGroupData& group);
+  void packStarG(JoinPruneGroupData& group, Counts& counts);
+  void packSourceSet(JoinPruneGroupData& group, Collection c, const Knet::IpGenAddr* from, Counts& counts);
+  void packRptPrunes(JoinPruneGroupData& group, const Knet::IpGenAddr* from, Counts& counts);
+  Packed packSource(JoinPruneGroupData& group, Collection c, const Knet::IpGenAddr& s, Counts& counts);
+  Packed writeEntry(JoinPruneGroupData& group, Collection c, bool join, const Knet::IpGenAddr& s, Counts& counts);
+  void filteredForFamily(const Knet::IpGenAddr& a);
+  void bookmarkAt(const Knet::IpGenAddr& group, Collection c, bool join, const Knet::IpGenAddr& source);
+
+  const FailureRecord& record_;
+  JoinPruneData& data_;
+  Knet::PktWriter w_;
+  Knet::AddressFamily family_;
+  U32 encSize_;
+  bool bidir_;
+  bool periodic_;
+  const Boundary::IntfBoundary* boundary_;
+  U32 sources_ = 0;  // entries written
+  U32 groups_ = 0;   // group records written
+  JoinPruneMessage::Report report_;
+  bool full_ = false;  // the message ends here (room, 255 groups or a bookmark)
+};
+
+bool Packer::packGroups() {
+  // Where to start: the bookmarked group, collection and source, or the first group.
+  auto& groups = data_.joinPruneGroupData();
+  auto groupIt = groups.begin();
+  Loom::Ptr<JoinPruneData::Bookmark> resume = data_.bookmark();
+  if (resume && !resume->group.isSet()) {
+    PIM_TRACE(traceError, text(T::invalidBookmark) << resume->group.af() << " - Ignoring and Deleting Bookmark");
+    data_.bookmarkDel();
+    resume = nullptr;
   }
+  if (resume) {
+    groupIt = groups.lowerBound(resume->group);
+    if (groupIt == groups.end() || groupIt->first != resume->group) {
+      // The bookmarked group is gone: go on from the group that follows it.
+      PIM_TRACE(tracePacking, kBookmarkProcessed << resume.ptr());
+      data_.bookmarkDel();
+      resume = nullptr;
+    }
+  }
+  for (; groupIt != groups.end() && !full_; ++groupIt) {
+    JoinPruneGroupData& group = *groupIt->second;
+    PIM_TRACE(tracePacking, kProcessingGroup << group.group());
+    // The bookmarked position inside this group, if the bookmark points into it.
+    Collection start = joinedRpt;
+    Knet::IpGenAddr startSource;
+    if (resume) {
+      if (resume->source.isSet()) {
+        start = collectionOf(resume->collection, resume->join);
+        startSource = resume->source;
+      }
+      PIM_TRACE(tracePacking, kBookmarkProcessed << resume.ptr());
+      data_.bookmarkDel();
+      resume = nullptr;
+    }
+    if (!packGroup(group, start, startSource)) return false;
+  }
+  return true;
+}
 
-  // A bookmark at the start of a group: no collection, no source.
-  void bookmarkAtGroup(const Knet::IpGenAddr& group) {
-    JoinPruneData::Bookmark& b = data.bookmarkIs();
-    b.group = group;
+// Whether a group stays out of the message: empty, beyond the boundary, of the other mode or
+// family. A triggered message drops the entries of a group it filters.
+bool Packer::groupLeftOut(JoinPruneGroupData& group) {
+  const Knet::IpGenAddr& groupAddr = group.group();
+  if (group.empty()) {
+    PIM_TRACE(tracePacking, kNoSourcesInGroup << groupAddr);
+    return true;
+  }
+  if (boundary_ && boundary_->filtered(groupAddr)) {
+    PIM_TRACE(traceFilter, kWriteBoundary << groupAddr);
+  } else if (group.bidir() != bidir_) {
+    PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << group.bidir()
+                                        << " Msg Bidirectional Support: " << bidir_);
+  } else if (groupAddr.af() != family_) {
+    PIM_TRACE(traceFilter, kWriteGroupFamily << groupAddr.af() << " Group Address: " << groupAddr);
+  } else {
+    return false;
+  }
+  report_.filtered += group.routes();
+  if (!periodic_) group.entriesDelAll();
+  return true;
+}
+
+// Packs one group record from the collection and source given on: false on a failure.
+bool Packer::packGroup(JoinPruneGroupData& group, Collection start, const Knet::IpGenAddr& startSource) {
+  const Knet::IpGenAddr& groupAddr = group.group();
+  if (groupLeftOut(group)) return true;
+
+  const S64 need = 2 * S64(encSize_) + 4;
+  if (groups_ >= maxGroups || w_.remaining() < need) {
+    if (sources_ == 0) {
+      record_.PIM_FAIL(T::insufficientMtu, w_.remaining(), " Minimum Expected: ", need);
+      return false;
+    }
+    PIM_TRACE(tracePacking, kReachedMax);
+    // A bookmark at the start of a group: no collection, no source.
+    JoinPruneData::Bookmark& b = data_.bookmarkIs();
+    b.group = groupAddr;
     b.collection = SourceFlags();
     b.join = true;
     b.source = Knet::IpGenAddr();
+    PIM_TRACE(tracePacking, kBookmarkSet << data_.bookmark().ptr());
+    full_ = true;
+    return true;
   }
 
-  void bookmarkAt(const Knet::IpGenAddr& group, Collection c, bool join, const Knet::IpGenAddr& source) {
-    JoinPruneData::Bookmark& b = data.bookmarkIs();
-    b.group = group;
-    b.collection = SourceFlags(c == starG ? (wcBit | rptBit) : (c == joinedRpt || c == prunedRpt) ? rptBit : 0);
-    b.join = join;
-    b.source = source;
+  const Knet::PktOffset groupStart = w_.offset();
+  EncodedGroupAddress encGroup;
+  encGroup.addressIs(groupAddr);
+  encGroup.flagsIs(GroupFlags(group.groupFlags()));
+  if (encGroup.write(w_) == 0) {
+    PIM_TRACE(traceError, text(T::writeGroup));
+    std::ostringstream g;
+    g << groupAddr;
+    PIM_MESSAGE_INVALID_ENCODED_GROUP.raise({kMessageName, g.str()});
+    report_.filtered += group.routes();
+    if (!periodic_) group.entriesDelAll();
+    data_.bookmarkDel();
+    return true;
   }
-};
+  const Knet::PktOffset countsAt = w_.offset();
+  if (!w_.skip(4)) {
+    record_.PIM_FAIL(T::numSourcesSpace, w_.remaining(), " Expected: ", 4);
+    return false;
+  }
+
+  Counts counts;
+  const Knet::IpGenAddr* from = startSource.isSet() ? &startSource : nullptr;
+  for (int c = start; c < collections && !full_; ++c) {
+    const Collection collection = static_cast<Collection>(c);
+    PIM_TRACE(tracePacking, collectionInfo[c].processing);
+    // Only the bookmarked collection resumes from a source; the ones after it start over.
+    const Knet::IpGenAddr* resumeAt = c == start ? from : nullptr;
+    if (collection == starG) {
+      packStarG(group, counts);
+    } else if (collection == prunedRpt) {
+      packRptPrunes(group, resumeAt, counts);
+    } else {
+      packSourceSet(group, collection, resumeAt, counts);
+    }
+  }
+
+  PIM_TRACE(tracePacking, "Group " << groupAddr << " has " << counts.joined << " joined sources and " << counts.pruned
+                                   << " pruned sources.");
+  if (counts.joined + counts.pruned == 0) {
+    PIM_TRACE(tracePacking, kNoSourcesInGroup << groupAddr << kGroupTakenOut);
+    w_.rewind(groupStart);
+    return true;
+  }
+  w_.patchU16Be(countsAt, static_cast<U16>(counts.joined));
+  w_.patchU16Be(countsAt + 2, static_cast<U16>(counts.pruned));
+  ++groups_;
+  return true;
+}
+
+// The (*,G) entry: left out when it is of another family, a suppressed periodic join or a
+// periodic prune; written otherwise, and taken from the tree by a triggered message.
+void Packer::packStarG(JoinPruneGroupData& group, Counts& counts) {
+  if (!group.wcSourceData()) return;
+  const JoinPruneGroupData::WcSourceData wc = *group.wcSourceData();
+  LOOM_ASSERT(!(group.periodicPrunedRptGroupData() && periodic_), "not data->periodic()");
+  if (wc.rp.af() != family_) {
+    PIM_TRACE(traceError, text(T::writeUpstreamFamily) << wc.rp.af() << " (*,G) RP Address: " << wc.rp);
+    filteredForFamily(wc.rp);
+    return;
+  }
+  if (periodic_ && wc.join && wc.wcSuppressed && group.prunedRptSources() == 0) {
+    PIM_TRACE(tracePacking, "(*,G) Source Suppressed - Group: " << group.group() << " Address: " << wc.rp);
+    group.wcSuppressedIs(false);
+    ++report_.suppressed;
+    return;
+  }
+  if (periodic_ && !wc.join) {
+    PIM_TRACE(traceError, text(T::periodicStarGPrune));
+    ++report_.filtered;
+    return;
+  }
+  if (writeEntry(group, starG, wc.join, wc.rp, counts) == Packed::written && !periodic_) group.wcSourceDataDel();
+}
+
+// The (S,G,rpt) joins, (S,G) joins or (S,G) prunes of a group, walked in place from `from`.
+void Packer::packSourceSet(JoinPruneGroupData& group, Collection c, const Knet::IpGenAddr* from, Counts& counts) {
+  SourceSet& set = group.sourceSet(c == joinedRpt ? 0 : c == joined ? 1 : 2);
+  auto it = from ? set.lowerBound(*from) : set.begin();
+  const auto first = it;
+  U32 written = 0;
+  for (; it != set.end(); ++it) {
+    const Packed r = packSource(group, c, *it, counts);
+    if (r == Packed::full) break;
+    written += r == Packed::written;
+  }
+  // In a triggered message the entries written go from the tree. Between `first` and where the
+  // walk stopped, the only entries not written are those of another family and the multicast
+  // ones that failed to encode (suppression applies to periodic messages only).
+  if (!periodic_ && written) {
+    set.eraseIf(first, it, [&](const Knet::IpGenAddr& a) { return a.af() == family_ && !a.isMulticast(); });
+  }
+}
+
+// The (S,G,rpt) prunes of a group from `from`; those written are kept aside for the agent.
+void Packer::packRptPrunes(JoinPruneGroupData& group, const Knet::IpGenAddr* from, Counts& counts) {
+  if (!group.rptPrunedGroupData()) return;
+  const auto& prunes = group.rptPrunedGroupData()->prunedRptSource();
+  std::vector<Knet::IpGenAddr> written;
+  for (auto it = from ? prunes.lowerBound(*from) : prunes.begin(); it != prunes.end(); ++it) {
+    const Packed r = packSource(group, prunedRpt, it->first, counts);
+    if (r == Packed::full) break;
+    if (r == Packed::written) written.push_back(it->first);
+  }
+  if (written.empty()) return;
+  Loom::Ptr<RptPrunedGroupData> packed = new RptPrunedGroupData;
+  for (const Knet::IpGenAddr& a : written) packed->prunedRptSourceIs(a, true);
+  group.periodicPrunedRptGroupDataIs(packed);
+  if (!periodic_) group.prunedRptSourceDel(written);
+}
+
+// One source of a collection: skipped when it is of another family or a suppressed periodic
+// join, written otherwise.
+Packed Packer::packSource(JoinPruneGroupData& group, Collection c, const Knet::IpGenAddr& s, Counts& counts) {
+  if (s.af() != family_) {
+    PIM_TRACE(traceError, text(T::entryFamily) << s.af() << " Source Address: " << s);
+    filteredForFamily(s);
+    return Packed::skipped;
+  }
+  if (c == joined && periodic_ && group.joinSuppressSource().contains(s)) {
+    PIM_TRACE(tracePacking, "Joined Source Suppressed - Group: " << group.group() << " Address: " << s);
+    group.joinSuppressSourceDel(s);
+    ++report_.suppressed;
+    return Packed::skipped;
+  }
+  return writeEntry(group, c, c == joinedRpt || c == joined, s, counts);
+}
+
+// Writes one entry with its collection's flags; when it does not fit, sets the bookmark on it
+// and marks the message full.
+Packed Packer::writeEntry(JoinPruneGroupData& group, Collection c, bool join, const Knet::IpGenAddr& s,
+                          Counts& counts) {
+  const CollectionInfo& info = collectionInfo[c];
+  if (w_.remaining() < S64(encSize_)) {
+    if (c == prunedRpt) PIM_TRACE(tracePacking, kPackedRptPrunes);
+    bookmarkAt(group.group(), c, join, s);
+    PIM_TRACE(tracePacking, kSettingBookmark << data_.bookmark().ptr());
+    full_ = true;
+    return Packed::full;
+  }
+  U32 n = EncodedSourceAddress::writeHostSource(w_, s, SourceFlags(info.flags));
+  if (n == 0) {
+    EncodedSourceAddress enc;
+    enc.prefixIs(Knet::IpGenPrefix(s, Knet::IpGenPrefix::maxLength(s.af())));
+    enc.flagsIs(SourceFlags(info.flags));
+    n = enc.write(w_);
+  }
+  if (n == 0) {
+    PIM_TRACE(traceError, text(info.writeError));
+    std::ostringstream a;
+    a << s;
+    PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
+    ++report_.filtered;
+    return Packed::skipped;
+  }
+  ++sources_;
+  ++(join ? counts.joined : counts.pruned);
+  if (!periodic_) PIM_TRACE(tracePacking, info.deleting << group.group() << " Address: " << s);
+  return Packed::written;
+}
+
+// An entry of another family than the message's: logged and counted as filtered.
+void Packer::filteredForFamily(const Knet::IpGenAddr& a) {
+  std::ostringstream f, address;
+  f << family_;  // the message's family: "send ipv4 Join/Prune message with <ipv6 address>"
+  address << a;
+  PIM_MESSAGE_AF_MISMATCH.raise({f.str(), kMessageName, address.str()});
+  ++report_.filtered;
+}
+
+void Packer::bookmarkAt(const Knet::IpGenAddr& group, Collection c, bool join, const Knet::IpGenAddr& source) {
+  JoinPruneData::Bookmark& b = data_.bookmarkIs();
+  b.group = group;
+  b.collection = SourceFlags(c == starG ? (wcBit | rptBit) : (c == joinedRpt || c == prunedRpt) ? rptBit : 0);
+  b.join = join;
+  b.source = source;
+}
 
 }  // namespace
 
@@ -461,279 +709,34 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
   if (data.upstream().af() != family) {
     return PIM_FAIL(T::writeUpstreamFamily, data.upstream().af(), " Upstream Address: ", data.upstream());
   }
+  Knet::PktWriter head(pkt, offset + 4);
   EncodedUnicastAddress upstream;
   upstream.addressIs(data.upstream());
-  const U32 upLen = upstream.writeUnicastAddress(pkt, offset + 4);
-  if (upLen == 0) {
+  if (upstream.write(head) == 0) {
     failureIs(upstream.failure());
     return PIM_FAIL(T::writeUpstream);
   }
-  Packer p(pkt, data, family, offset + 4 + upLen, room - 4 - upLen);
-  if (p.remaining < 4) {
-    return PIM_FAIL(T::writeInfoSpace, p.remaining, " Expected: ", 4);
+  // From here on the writer ends where the MTU does.
+  Knet::PktWriter w(pkt->data(), offset + static_cast<U32>(room), head.offset());
+  if (!w.fits(4)) {
+    return PIM_FAIL(T::writeInfoSpace, w.remaining(), " Expected: ", 4);
   }
-  const U32 groupCountAt = p.pos + 1;
+  const Knet::PktOffset groupCountAt = w.offset() + 1;
   // The group count is filled in at the end.
-  if (Knet::PktWriter w(pkt, p.pos); !w.writeU8(data.reserved2()) || !w.writeU8(0) || !w.writeU16Be(data.holdTime())) {
-    return PIM_FAIL(T::writeInfoSpace, p.remaining, " Expected: ", 4);
-  }
-  p.pos += 4;
-  p.remaining -= 4;
+  w.writeU8(data.reserved2());
+  w.writeU8(0);
+  w.writeU16Be(data.holdTime());
 
-  // Where to start: the bookmarked group, collection and source, or the first group.
-  auto groupIt = data.joinPruneGroupData().begin();
-  Loom::Ptr<JoinPruneData::Bookmark> resume = data.bookmark();
-  if (resume && !resume->group.isSet()) {
-    PIM_TRACE(traceError, text(T::invalidBookmark) << resume->group.af() << " - Ignoring and Deleting Bookmark");
-    data.bookmarkDel();
-    resume = nullptr;
-  }
-  if (resume) {
-    groupIt = data.joinPruneGroupData().lowerBound(resume->group);
-    if (groupIt == data.joinPruneGroupData().end() || groupIt->first != resume->group) {
-      // The bookmarked group is gone: go on from the group that follows it.
-      PIM_TRACE(tracePacking, kBookmarkProcessed << resume.ptr());
-      data.bookmarkDel();
-      resume = nullptr;
-    }
-  }
-
-  auto& groups = data.joinPruneGroupData();
-  for (; groupIt != groups.end() && !p.full; ++groupIt) {
-    JoinPruneGroupData& group = *groupIt->second;
-    const Knet::IpGenAddr& groupAddr = group.group();
-    PIM_TRACE(tracePacking, kProcessingGroup << groupAddr);
-    // The bookmarked position inside this group, if the bookmark points into it.
-    Collection startCollection = joinedRpt;
-    Knet::IpGenAddr startSource;
-    if (resume && resume->group == groupAddr) {
-      if (resume->source.isSet()) {
-        startCollection = collectionOf(resume->collection, resume->join);
-        startSource = resume->source;
-      }
-      PIM_TRACE(tracePacking, kBookmarkProcessed << resume.ptr());
-      data.bookmarkDel();
-    }
-    resume = nullptr;
-
-    // Groups that do not go into the message at all.
-    bool skip = false;
-    if (group.empty()) {
-      PIM_TRACE(tracePacking, kNoSourcesInGroup << groupAddr);
-      continue;
-    }
-    if (intfBoundary && intfBoundary->filtered(groupAddr)) {
-      PIM_TRACE(traceFilter, kWriteBoundary << groupAddr);
-      skip = true;
-    } else if (group.bidir() != bidir_) {
-      PIM_TRACE(traceFilter, kBidirFilter << groupAddr << " Bidirectional: " << group.bidir()
-                                          << " Msg Bidirectional Support: " << bidir_);
-      skip = true;
-    } else if (groupAddr.af() != family) {
-      PIM_TRACE(traceFilter, kWriteGroupFamily << groupAddr.af() << " Group Address: " << groupAddr);
-      skip = true;
-    }
-    if (skip) {
-      p.report.filtered += group.routes();
-      if (!p.periodic) group.entriesDelAll();
-      continue;
-    }
-
-    const S64 need = 2 * S64(p.encSize) + 4;
-    if (p.groups >= maxGroups || p.remaining < need) {
-      if (p.sources == 0) {
-        return PIM_FAIL(T::insufficientMtu, p.remaining, " Minimum Expected: ", need);
-      }
-      PIM_TRACE(tracePacking, kReachedMax);
-      p.bookmarkAtGroup(groupAddr);
-      PIM_TRACE(tracePacking, kBookmarkSet << data.bookmark().ptr());
-      break;
-    }
-
-    const U32 groupStart = p.pos;
-    const S64 remainingAtGroup = p.remaining;
-    EncodedGroupAddress encGroup;
-    encGroup.addressIs(groupAddr);
-    encGroup.flagsIs(GroupFlags(group.groupFlags()));
-    const U32 groupLen = encGroup.writeGroupAddress(pkt, p.pos);
-    if (groupLen == 0) {
-      PIM_TRACE(traceError, text(T::writeGroup));
-      std::ostringstream g;
-      g << groupAddr;
-      PIM_MESSAGE_INVALID_ENCODED_GROUP.raise({kMessageName, g.str()});
-      p.report.filtered += group.routes();
-      if (!p.periodic) group.entriesDelAll();
-      data.bookmarkDel();
-      continue;
-    }
-    p.pos += groupLen;
-    p.remaining -= groupLen;
-    if (p.remaining < 4) {
-      return PIM_FAIL(T::numSourcesSpace, p.remaining, " Expected: ", 4);
-    }
-    const U32 countsAt = p.pos;
-    p.pos += 4;
-    p.remaining -= 4;
-
-    U32 joinedCount = 0;
-    U32 prunedCount = 0;
-    // Packs one entry of a source collection: written, skipped (another family, suppressed or
-    // not encodable) or, when it does not fit, the bookmark is set and the message is full.
-    auto packEntry = [&](Collection collection, const Knet::IpGenAddr& s) -> Packed {
-      const CollectionInfo& info = collectionInfo[collection];
-      if (s.af() != family) {
-        PIM_TRACE(traceError, text(T::entryFamily) << s.af() << " Source Address: " << s);
-        std::ostringstream f, a;
-        f << family;  // the message's family: "send ipv4 Join/Prune message with <ipv6 address>"
-        a << s;
-        PIM_MESSAGE_AF_MISMATCH.raise({f.str(), kMessageName, a.str()});
-        ++p.report.filtered;
-        return Packed::skipped;
-      }
-      if (collection == joined && p.periodic && group.joinSuppressSource().contains(s)) {
-        PIM_TRACE(tracePacking, "Joined Source Suppressed - Group: " << groupAddr << " Address: " << s);
-        group.joinSuppressSourceDel(s);
-        ++p.report.suppressed;
-        return Packed::skipped;
-      }
-      const bool join = collection == joinedRpt || collection == joined;
-      if (p.remaining < S64(p.encSize)) {
-        if (collection == prunedRpt) PIM_TRACE(tracePacking, kPackedRptPrunes);
-        p.bookmarkAt(groupAddr, collection, join, s);
-        PIM_TRACE(tracePacking, kSettingBookmark << data.bookmark().ptr());
-        p.full = true;
-        return Packed::full;
-      }
-      const U32 n = p.writeSource(s, info.flags);
-      if (n == 0) {
-        PIM_TRACE(traceError, text(info.writeError));
-        std::ostringstream a;
-        a << s;
-        PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
-        ++p.report.filtered;
-        return Packed::skipped;
-      }
-      p.pos += n;
-      p.remaining -= n;
-      ++p.sources;
-      ++(join ? joinedCount : prunedCount);
-      if (!p.periodic) PIM_TRACE(tracePacking, info.deleting << groupAddr << " Address: " << s);
-      return Packed::written;
-    };
-    for (int c = startCollection; c < collections && !p.full; ++c) {
-      const Collection collection = static_cast<Collection>(c);
-      const CollectionInfo& info = collectionInfo[c];
-      PIM_TRACE(tracePacking, info.processing);
-
-      if (collection == starG) {
-        if (!group.wcSourceData()) continue;
-        const JoinPruneGroupData::WcSourceData wc = *group.wcSourceData();
-        LOOM_ASSERT(!(group.periodicPrunedRptGroupData() && p.periodic), "not data->periodic()");
-        if (wc.rp.af() != family) {
-          PIM_TRACE(traceError, text(T::writeUpstreamFamily) << wc.rp.af() << " (*,G) RP Address: " << wc.rp);
-          std::ostringstream f, a;
-          f << family;
-          a << wc.rp;
-          PIM_MESSAGE_AF_MISMATCH.raise({f.str(), kMessageName, a.str()});
-          ++p.report.filtered;
-          continue;
-        }
-        if (p.periodic && wc.join && wc.wcSuppressed && group.prunedRptSources() == 0) {
-          PIM_TRACE(tracePacking, "(*,G) Source Suppressed - Group: " << groupAddr << " Address: " << wc.rp);
-          group.wcSuppressedIs(false);
-          ++p.report.suppressed;
-          continue;
-        }
-        if (p.periodic && !wc.join) {
-          PIM_TRACE(traceError, text(T::periodicStarGPrune));
-          ++p.report.filtered;
-          continue;
-        }
-        if (p.remaining < S64(p.encSize)) {
-          p.bookmarkAt(groupAddr, starG, wc.join, wc.rp);
-          PIM_TRACE(tracePacking, kSettingBookmark << data.bookmark().ptr());
-          p.full = true;
-          break;
-        }
-        const U32 n = p.writeSource(wc.rp, info.flags);
-        if (n == 0) {
-          PIM_TRACE(traceError, text(info.writeError));
-          std::ostringstream a;
-          a << wc.rp;
-          PIM_MESSAGE_INVALID_ENCODED_SOURCE.raise({kMessageName, a.str()});
-          ++p.report.filtered;
-          continue;
-        }
-        p.pos += n;
-        p.remaining -= n;
-        ++p.sources;
-        (wc.join ? joinedCount : prunedCount) += 1;
-        if (!p.periodic) {
-          PIM_TRACE(tracePacking, info.deleting << groupAddr << " Address: " << wc.rp);
-          group.wcSourceDataDel();
-        }
-        continue;
-      }
-
-      // The source collections, each walked in place from the bookmarked source.
-      const bool fromBookmark = collection == startCollection && startSource.isSet();
-      if (collection != prunedRpt) {
-        SourceSet& set = group.sourceSet(collection == joinedRpt ? 0 : collection == joined ? 1 : 2);
-        auto it = fromBookmark ? set.lowerBound(startSource) : set.begin();
-        const auto first = it;
-        U32 written = 0;
-        for (; it != set.end(); ++it) {
-          const Packed r = packEntry(collection, *it);
-          if (r == Packed::full) break;
-          written += r == Packed::written;
-        }
-        // In a triggered message the entries written go from the tree. Between `first` and where
-        // the walk stopped, the only entries not written are those of another family and the
-        // multicast ones that failed to encode (suppression applies to periodic messages only).
-        if (!p.periodic && written) {
-          set.eraseIf(first, it, [&](const Knet::IpGenAddr& a) { return a.af() == family && !a.isMulticast(); });
-        }
-        continue;
-      }
-      if (!group.rptPrunedGroupData()) continue;
-      const auto& prunes = group.rptPrunedGroupData()->prunedRptSource();
-      std::vector<Knet::IpGenAddr> written;
-      for (auto it = fromBookmark ? prunes.lowerBound(startSource) : prunes.begin(); it != prunes.end(); ++it) {
-        const Packed r = packEntry(prunedRpt, it->first);
-        if (r == Packed::full) break;
-        if (r == Packed::written) written.push_back(it->first);
-      }
-      if (!written.empty()) {
-        // The prunes packed for this group, kept for the agent.
-        Loom::Ptr<RptPrunedGroupData> packed = new RptPrunedGroupData;
-        for (const Knet::IpGenAddr& a : written) packed->prunedRptSourceIs(a, true);
-        group.periodicPrunedRptGroupDataIs(packed);
-        if (!p.periodic) group.prunedRptSourceDel(written);
-      }
-    }
-
-    PIM_TRACE(tracePacking, "Group " << groupAddr << " has " << joinedCount << " joined sources and " << prunedCount
-                                     << " pruned sources.");
-    if (joinedCount + prunedCount == 0) {
-      PIM_TRACE(tracePacking, kNoSourcesInGroup << groupAddr << kGroupTakenOut);
-      p.pos = groupStart;
-      p.remaining = remainingAtGroup;
-      continue;
-    }
-    if (Knet::PktWriter w(pkt, countsAt);
-        !w.writeU16Be(static_cast<U16>(joinedCount)) || !w.writeU16Be(static_cast<U16>(prunedCount))) {
-      return PIM_FAIL(T::numSourcesSpace, p.remaining, " Expected: ", 4);
-    }
-    ++p.groups;
-  }
+  Packer p(*this, data, w, family, bidir_, intfBoundary.ptr());
+  if (!p.packGroups()) return 0;
 
   LOOM_ASSERT(!data.bookmark() || data.bookmark()->group.isSet(), "invalid bookmark");
-  if (p.groups == 0) {
-    report_ = Report{0, p.report.suppressed, p.report.filtered};
+  if (p.groups() == 0) {
+    report_ = Report{0, p.report().suppressed, p.report().filtered};
     return PIM_FAIL(T::zeroGroups);
   }
-  pkt->data()[groupCountAt] = static_cast<U8>(p.groups);
-  lengthIs(p.pos - offset);
+  pkt->data()[groupCountAt] = static_cast<U8>(p.groups());
+  lengthIs(p.end() - offset);
   if (writeHeader(pkt, offset) == 0) {
     data.bookmarkDel();
     return PIM_FAIL(T::writeHeader);
@@ -757,8 +760,8 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
       PIM_TRACE(traceDetail, "TX: <PIM " << back.ptr() << ">");
     }
   }
-  report_ = Report{p.sources, p.report.suppressed, p.report.filtered};
-  PIM_TRACE(tracePacking, "Message contains " << p.sources << " sources, with payload length " << length());
+  report_ = Report{p.sources(), p.report().suppressed, p.report().filtered};
+  PIM_TRACE(tracePacking, "Message contains " << p.sources() << " sources, with payload length " << length());
   return length();
 }
 
