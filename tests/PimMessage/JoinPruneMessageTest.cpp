@@ -849,6 +849,7 @@ TEST(JoinPruneWrite, Suppression) {
 TEST(JoinPruneWrite, GroupFilters) {
   const std::vector<std::string> list = {
       "225.1.1.1: (S,G) join 10.0.0.1",  "225.1.1.1: (S,G) prune 10.0.0.2",  // outside the boundary
+      "225.1.1.1: (S,G,rpt) prune 10.0.0.5",
       "226.1.1.1: (S,G) join 10.0.0.3",                                      // bidirectional
       "227.1.1.1: (S,G) join 10.0.0.4",                                      // sparse mode
       "ff0e::1: (S,G) join 2001:db8::1",                                     // IPv6
@@ -865,9 +866,9 @@ TEST(JoinPruneWrite, GroupFilters) {
   const std::string familyText = "Pim Join/Prune - Invalid Family - Family: ipv6 Group Address: ff0e::1";
   const std::string bidirText = "Pim Join/Prune - Bidirectional Filter - Filtered Group Address: ";
   const Case cases[] = {
-      {"sparse mode, triggered", false, false, {"227.1.1.1: (S,G) join 10.0.0.4"}, {1, 0, 4},
+      {"sparse mode, triggered", false, false, {"227.1.1.1: (S,G) join 10.0.0.4"}, {1, 0, 5},
        {boundaryText, bidirText + "226.1.1.1 Bidirectional: 1 Msg Bidirectional Support: 0", familyText}},
-      {"bidirectional, triggered", false, true, {"226.1.1.1: (S,G) join 10.0.0.3"}, {1, 0, 4},
+      {"bidirectional, triggered", false, true, {"226.1.1.1: (S,G) join 10.0.0.3"}, {1, 0, 5},
        {boundaryText, bidirText + "227.1.1.1 Bidirectional: 0 Msg Bidirectional Support: 1",
         bidirText + "ff0e::1 Bidirectional: 0 Msg Bidirectional Support: 1"}},
   };
@@ -883,7 +884,7 @@ TEST(JoinPruneWrite, GroupFilters) {
     EXPECT_EQ(m->report(), c.report);
     EXPECT_EQ(linesAt(cap, 6, 6), c.filters);
     EXPECT_TRUE(errors(cap).empty()) << firstError(cap);
-    EXPECT_EQ(d->routes(), c.periodic ? 5u : 0u);
+    EXPECT_EQ(d->routes(), c.periodic ? 6u : 0u);
   }
 }
 

@@ -180,7 +180,9 @@ TEST(Message, TableMakesTheClassOfTheType) {
     std::ostringstream os;
     os << m.ptr();
     EXPECT_TRUE(startsWith(os.str(), c.text)) << os.str();
-    if (*c.text == 0) EXPECT_EQ(os.str(), "");
+    if (*c.text == 0) {
+      EXPECT_EQ(os.str(), "");
+    }
     std::ostringstream bare;
     bare << messageFactory(c.type).ptr();
     EXPECT_EQ(bare.str(), std::string("type=") + c.type.name()) << c.type;
