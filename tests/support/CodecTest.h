@@ -159,6 +159,12 @@ inline void checkWriteFailures(const std::vector<WriteFailure>& rows, Trace whic
   }
 }
 
+// The bytes with some of them changed: {index, new value} pairs.
+inline Bytes with(Bytes b, std::initializer_list<std::pair<size_t, U8>> changes) {
+  for (const auto& [at, v] : changes) b.at(at) = v;
+  return b;
+}
+
 // ---- Tables that check what an operation records ----
 // F is the codec's Failure: a value with ==, <<, text(), and a default that means no failure.
 
