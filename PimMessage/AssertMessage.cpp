@@ -1,35 +1,44 @@
 #include "PimMessage/AssertMessage.h"
 
+#include <array>
+
 #include "PimMessage/GroupSourceCodec.h"
 #include "knet/Cursor.h"
 
 namespace Routing::Pim::Packet {
 namespace {
 
-constexpr GroupSource::ReadTexts readTexts{
-    "Invalid Pim Assert - Header - Parse Error",
-    "Invalid Pim Assert - Group Address - Parse Error",
-    "Invalid Pim Assert - Group Address - Invalid Family - Family: ",
-    "Group Address: ",
-    "Invalid Pim Assert - Group Address - Invalid Prefix - ",
-    "Invalid Pim Assert - Source Address - Parse Error",
-    "Invalid Pim Assert - Source Address - Invalid Family - Family: ",
-    "Source Address: ",
-    "Invalid Pim Assert - Source Address - Invalid Address - ",
+using T = AssertText;
+
+constexpr std::array<TextRow<AssertText>, 16> texts{{
+    {T::headerParse, "Invalid Pim Assert - Header - Parse Error"},
+    {T::groupParse, "Invalid Pim Assert - Group Address - Parse Error"},
+    {T::groupFamily, "Invalid Pim Assert - Group Address - Invalid Family - Family: "},
+    {T::groupPrefix, "Invalid Pim Assert - Group Address - Invalid Prefix - "},
+    {T::sourceParse, "Invalid Pim Assert - Source Address - Parse Error"},
+    {T::sourceFamily, "Invalid Pim Assert - Source Address - Invalid Family - Family: "},
+    {T::sourceInvalid, "Invalid Pim Assert - Source Address - Invalid Address - "},
+    {T::preferenceLength, "Invalid Pim Assert - Metric Preference Length - Remaining: "},
+    {T::metricLength, "Invalid Pim Assert - Metric Length - Remaining: "},
+    {T::endOfMessage, "Invalid Pim Assert - End of Message - Remaining: "},
+    {T::writeHeaderSpace, "Invalid Pim Assert - Header - Unavailable Space - Remaining: "},
+    {T::writeFamily, "Invalid Pim Assert - Invalid Family - Family: "},
+    {T::groupWrite, "Invalid Pim Assert - Group Address - Write Error"},
+    {T::sourceWrite, "Invalid Pim Assert - Source Address - Write Error"},
+    {T::metricSpace, "Invalid Pim Assert - Metric - Unavailable Space - Remaining: "},
+    {T::writeHeader, "Invalid Pim Assert - Header - Write Error"},
+}};
+static_assert(rowsInOrder(texts));
+
+constexpr GroupSource::ReadRows readRows{
+    T::groupParse,  T::groupFamily,  "Group Address: ",  T::groupPrefix,
+    T::sourceParse, T::sourceFamily, "Source Address: ", T::sourceInvalid,
 };
-constexpr GroupSource::WriteTexts writeTexts{
-    "Invalid Pim Assert - Header - Unavailable Space - Remaining: ",
-    "Invalid Pim Assert - Invalid Family - Family: ",
-    "Invalid Pim Assert - Group Address - Write Error",
-    "Invalid Pim Assert - Source Address - Write Error",
-};
-constexpr const char* kPreferenceLength = "Invalid Pim Assert - Metric Preference Length - Remaining: ";
-constexpr const char* kMetricLength = "Invalid Pim Assert - Metric Length - Remaining: ";
-constexpr const char* kEndOfMessage = "Invalid Pim Assert - End of Message - Remaining: ";
-constexpr const char* kMetricSpace = "Invalid Pim Assert - Metric - Unavailable Space - Remaining: ";
-constexpr const char* kWriteHeader = "Invalid Pim Assert - Header - Write Error";
+constexpr GroupSource::WriteRows writeRows{T::writeHeaderSpace, T::writeFamily, T::groupWrite, T::sourceWrite};
 
 }  // namespace
+
+std::string_view textOf(AssertText row) { return texts[static_cast<size_t>(row)].text; }
 
 AssertMetricPreference AssertMetricPreference::fromString(std::string_view text) {
   return AssertMetricPreference(static_cast<U32>(boundedValueFromString(
@@ -42,48 +51,31 @@ AssertMessage::AssertMessage() : Message(Knet::pimAssert()) {}
 Loom::Ptr<AssertMessage> assertMessageFactory() { return new AssertMessage; }
 
 U32 AssertMessage::readAssertMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+  if (readHeader(pkt, offset) == 0) return PIM_FAIL(T::headerParse);
+  Knet::PktReader r(pkt, offset + 4);
   GroupSource::Body body;
-  const U32 at = GroupSource::read(*this, readTexts, pkt, offset, body);
-  if (at == 0) return 0;
+  if (!GroupSource::read(*this, readRows, r, body)) return 0;
   group_ = body.group.address;
   groupFlags_ = body.group.flags;
   source_ = body.source;
-  const S64 rest = S64(pkt->size()) - S64(at);
-  if (rest <= 3) {
-    PIM_TRACE(traceError, kPreferenceLength << rest << " Expected: " << 4);
-    return 0;
-  }
-  Knet::PktReader r(pkt, at);
+  if (r.remaining() <= 3) return PIM_FAIL(T::preferenceLength, r.remaining(), " Expected: ", 4);
   implMetricPreference_ = r.readU32Be();
-  if (rest - 4 < 4) {
-    PIM_TRACE(traceError, kMetricLength << rest - 4 << " Expected: " << 4);
-    return 0;
-  }
+  if (r.remaining() < 4) return PIM_FAIL(T::metricLength, r.remaining(), " Expected: ", 4);
   metric_ = r.readU32Be();
-  if (rest != 8) {
-    PIM_TRACE(traceError, kEndOfMessage << rest - 8);
-    return 0;
-  }
+  if (!r.atEnd()) return PIM_FAIL(T::endOfMessage, r.remaining());
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
-  return at + 8 - offset;
+  return r.offset() - offset;
 }
 
 U32 AssertMessage::writeAssertMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  const U32 at = GroupSource::write(*this, writeTexts, pkt, offset, GroupSource::Body{{group_, groupFlags_}, source_});
-  if (at == 0) return 0;
-  const S64 room = S64(pkt->size()) - S64(at);
-  if (room <= 7) {
-    PIM_TRACE(traceError, kMetricSpace << room << " Expected: " << 8);
-    return 0;
-  }
-  Knet::PktWriter w(pkt, at);
+  failureClear();
+  Knet::PktWriter w(pkt, offset);
+  if (!GroupSource::write(*this, writeRows, w, GroupSource::Body{{group_, groupFlags_}, source_})) return 0;
+  if (w.remaining() <= 7) return PIM_FAIL(T::metricSpace, w.remaining(), " Expected: ", 8);
   w.writeU32Be(implMetricPreference_);
   w.writeU32Be(metric_);
-  lengthIs(at + 8 - offset);
-  if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kWriteHeader);
-    return 0;
-  }
+  lengthIs(w.offset() - offset);
+  if (writeHeader(pkt, offset) == 0) return PIM_FAIL(T::writeHeader);
   PIM_TRACE(traceDetail, "TX: <PIM " << this << ">");
   return length();
 }

@@ -13,6 +13,29 @@
 
 namespace Routing::Pim::Packet {
 
+// The rows of the Assert's text table.
+enum class AssertText : U8 {
+  headerParse,
+  groupParse,
+  groupFamily,
+  groupPrefix,
+  sourceParse,
+  sourceFamily,
+  sourceInvalid,
+  preferenceLength,
+  metricLength,
+  endOfMessage,
+  writeHeaderSpace,
+  writeFamily,
+  groupWrite,
+  sourceWrite,
+  metricSpace,
+  writeHeader,
+};
+template <>
+inline constexpr TextTable textTableOf<AssertText> = TextTable::assertMessage;
+std::string_view textOf(AssertText row);
+
 // A metric preference, 0 to 2^31 - 1.
 class AssertMetricPreference {
  public:

@@ -1,5 +1,6 @@
 #include "PimMessage/DfElectionMessage.h"
 
+#include <array>
 #include <sstream>
 
 #include "PimMessage/EncodedAddress.h"
@@ -9,113 +10,110 @@
 namespace Routing::Pim::Packet {
 namespace {
 
-constexpr const char* kHeaderParse = "Invalid Pim DF Election - Header - Parse Error";
-constexpr const char* kRpParse = "Invalid Pim DF Election - RP Address - Parse Error";
-constexpr const char* kRpFamily = "Invalid Pim DF Election - RP Address - Invalid Family - Family: ";
-constexpr const char* kRpInvalid = "Invalid Pim DF Election - RP Address - Invalid Address - ";
-constexpr const char* kMetricLength = "Invalid Pim DF Election - Metric and Metric Preference Length - Remaining: ";
-constexpr const char* kWriteHeader = "Invalid Pim DF Election - Header - Write Error";
+using T = DfElectionText;
 
-constexpr DfElectionMessage::WriteTexts commonWriteTexts{
-    "Invalid Pim DF Election - Header - Unavailable Space - Remaining: ",
-    "Invalid Pim DF Election - Invalid Family - Family: ",
-    "Invalid Pim DF Election - RP Address - Write Error",
-    "Invalid Pim DF Election - Metric and Metric Preference - Unavailable Space - Remaining: ",
-};
-constexpr DfElectionMessage::WriteTexts backoffWriteTexts{
-    "Invalid Pim DF Election Backoff - Header - Unavailable Space - Remaining: ",
-    "Invalid Pim DF Election Backoff - Invalid Family - Family: ",
-    "Invalid Pim DF Election Backoff - RP Address - Write Error",
-    "Invalid Pim DF Election Backoff - Metric and Metric Preference - Unavailable Space - Remaining: ",
-};
-constexpr DfElectionMessage::WriteTexts passWriteTexts{
-    "Invalid Pim DF Election Pass - Header - Unavailable Space - Remaining: ",
-    "Invalid Pim DF Election Pass - Invalid Family - Family: ",
-    "Invalid Pim DF Election Pass - RP Address - Write Error",
-    "Invalid Pim DF Election Pass - Metric and Metric Preference - Unavailable Space - Remaining: ",
-};
+constexpr std::array<TextRow<DfElectionText>, 38> texts{{
+    {T::headerParse, "Invalid Pim DF Election - Header - Parse Error"},
+    {T::rpParse, "Invalid Pim DF Election - RP Address - Parse Error"},
+    {T::rpFamily, "Invalid Pim DF Election - RP Address - Invalid Family - Family: "},
+    {T::rpInvalid, "Invalid Pim DF Election - RP Address - Invalid Address - "},
+    {T::metricLength, "Invalid Pim DF Election - Metric and Metric Preference Length - Remaining: "},
+    {T::writeHeader, "Invalid Pim DF Election - Header - Write Error"},
+    {T::headerSpace, "Invalid Pim DF Election - Header - Unavailable Space - Remaining: "},
+    {T::family, "Invalid Pim DF Election - Invalid Family - Family: "},
+    {T::rpWrite, "Invalid Pim DF Election - RP Address - Write Error"},
+    {T::metricSpace, "Invalid Pim DF Election - Metric and Metric Preference - Unavailable Space - Remaining: "},
+    {T::offerRead, "Invalid Pim DF Election Offer - Read Error"},
+    {T::offerWrite, "Invalid Pim DF Election Offer - Write Error"},
+    {T::winnerRead, "Invalid Pim DF Election Winner - Read Error"},
+    {T::winnerWrite, "Invalid Pim DF Election Winner - Write Error"},
+    {T::backoffRead, "Invalid Pim DF Election Backoff - Read Error"},
+    {T::offeringParse, "Invalid Pim DF Election Backoff - Offering Address - Parse Error"},
+    {T::offeringFamily, "Invalid Pim DF Election Backoff - Offering Address - Invalid Family - Family: "},
+    {T::offeringInvalid, "Invalid Pim DF Election Backoff - Offering Address - Invalid Address - "},
+    {T::offeringLength, "Invalid Pim DF Election Backoff - Offering Metric and Metric Preference Length - Remaining: "},
+    {T::backoffHeaderSpace, "Invalid Pim DF Election Backoff - Header - Unavailable Space - Remaining: "},
+    {T::backoffFamily, "Invalid Pim DF Election Backoff - Invalid Family - Family: "},
+    {T::backoffRpWrite, "Invalid Pim DF Election Backoff - RP Address - Write Error"},
+    {T::backoffMetricSpace,
+     "Invalid Pim DF Election Backoff - Metric and Metric Preference - Unavailable Space - Remaining: "},
+    {T::offeringWrite, "Invalid Pim DF Election Backoff - Offering Address - Write Error"},
+    {T::offeringTailSpace,
+     "Invalid Pim DF Election Backoff - Offering Metric and Metric Preference - Unavailable Space - Remaining: "},
+    {T::backoffHeaderWrite, "Invalid Pim DF Election Backoff - Header - Write Error"},
+    {T::passRead, "Invalid Pim DF Election Pass - Read Error"},
+    {T::winningParse, "Invalid Pim DF Election Pass - New Winning Address - Parse Error"},
+    {T::winningFamily, "Invalid Pim DF Election Pass - New Winning Address - Invalid Family - Family: "},
+    // The Pass's invalid-address text names Backoff.
+    {T::winningInvalid, "Invalid Pim DF Election Backoff - New Winning Address - Invalid Address - "},
+    {T::winningLength, "Invalid Pim DF Election Pass - New Winning Metric and Metric Preference Length - Remaining: "},
+    {T::passHeaderSpace, "Invalid Pim DF Election Pass - Header - Unavailable Space - Remaining: "},
+    {T::passFamily, "Invalid Pim DF Election Pass - Invalid Family - Family: "},
+    {T::passRpWrite, "Invalid Pim DF Election Pass - RP Address - Write Error"},
+    {T::passMetricSpace, "Invalid Pim DF Election Pass - Metric and Metric Preference - Unavailable Space - Remaining: "},
+    {T::winningWrite, "Invalid Pim DF Election Pass - Winning Address - Write Error"},
+    {T::winningTailSpace,
+     "Invalid Pim DF Election Pass - Winning Metric and Metric Preference - Unavailable Space - Remaining: "},
+    {T::passHeaderWrite, "Invalid Pim DF Election Pass - Header - Write Error"},
+}};
+static_assert(rowsInOrder(texts));
+
+constexpr DfElectionMessage::WriteRows commonWriteRows{T::headerSpace, T::family, T::rpWrite, T::metricSpace};
+constexpr DfElectionMessage::WriteRows backoffWriteRows{T::backoffHeaderSpace, T::backoffFamily, T::backoffRpWrite,
+                                                        T::backoffMetricSpace};
+constexpr DfElectionMessage::WriteRows passWriteRows{T::passHeaderSpace, T::passFamily, T::passRpWrite,
+                                                     T::passMetricSpace};
 
 // The address and metric that Backoff and Pass carry behind the common part.
 struct Extension {
-  const char* readError;
-  const char* parse;
-  const char* family;
+  T readError;
+  T parse;
+  T family;
   const char* familyName;
-  const char* invalid;
-  const char* length;
+  T invalid;
+  T length;
   U32 tail;  // bytes behind the address: the metric preference, the metric (and the interval)
-  const char* addressWrite;
-  const char* tailSpace;
-  const char* headerWrite;
+  T addressWrite;
+  T tailSpace;
+  T headerWrite;
 };
-constexpr Extension backoffExtension{
-    "Invalid Pim DF Election Backoff - Read Error",
-    "Invalid Pim DF Election Backoff - Offering Address - Parse Error",
-    "Invalid Pim DF Election Backoff - Offering Address - Invalid Family - Family: ",
-    "Offering Address: ",
-    "Invalid Pim DF Election Backoff - Offering Address - Invalid Address - ",
-    "Invalid Pim DF Election Backoff - Offering Metric and Metric Preference Length - Remaining: ",
-    10,
-    "Invalid Pim DF Election Backoff - Offering Address - Write Error",
-    "Invalid Pim DF Election Backoff - Offering Metric and Metric Preference - Unavailable Space - Remaining: ",
-    "Invalid Pim DF Election Backoff - Header - Write Error",
-};
-// The Pass's invalid-address text names Backoff.
-constexpr Extension passExtension{
-    "Invalid Pim DF Election Pass - Read Error",
-    "Invalid Pim DF Election Pass - New Winning Address - Parse Error",
-    "Invalid Pim DF Election Pass - New Winning Address - Invalid Family - Family: ",
-    "New Winning Address: ",
-    "Invalid Pim DF Election Backoff - New Winning Address - Invalid Address - ",
-    "Invalid Pim DF Election Pass - New Winning Metric and Metric Preference Length - Remaining: ",
-    8,
-    "Invalid Pim DF Election Pass - Winning Address - Write Error",
-    "Invalid Pim DF Election Pass - Winning Metric and Metric Preference - Unavailable Space - Remaining: ",
-    "Invalid Pim DF Election Pass - Header - Write Error",
-};
+constexpr Extension backoffExtension{T::backoffRead,     T::offeringParse,  T::offeringFamily,
+                                     "Offering Address: ", T::offeringInvalid, T::offeringLength,
+                                     10,                 T::offeringWrite,  T::offeringTailSpace,
+                                     T::backoffHeaderWrite};
+constexpr Extension passExtension{T::passRead,     T::winningParse, T::winningFamily,   "New Winning Address: ",
+                                  T::winningInvalid, T::winningLength, 8,               T::winningWrite,
+                                  T::winningTailSpace, T::passHeaderWrite};
 
-// Reads the extension's address at `at` into `address`; returns its size, or 0 after a trace.
-U32 readExtensionAddress(const Message& m, const Extension& e, const Loom::Ptr<Knet::Pkt>& pkt, U32 at,
-                         Knet::IpGenAddr& address) {
+// Reads the extension's address under the cursor into `address` and checks the room for its
+// tail; false after the failure is recorded on the message.
+bool readExtensionAddress(const Message& m, const Extension& e, Knet::PktReader& r, Knet::IpGenAddr& address) {
   EncodedUnicastAddress enc;
-  const U32 n = enc.readUnicastAddress(pkt, at);
-  if (n == 0) {
-    PIM_TRACE(traceError, e.parse);
-    return 0;
+  if (enc.read(r) == 0) {
+    m.failureIs(enc.failure());
+    return m.PIM_FAIL(e.parse);
   }
-  if (enc.address().af() != m.af()) {
-    PIM_TRACE(traceError, e.family << m.af() << e.familyName << enc.address());
-    return 0;
-  }
+  if (enc.address().af() != m.af()) return m.PIM_FAIL(e.family, m.af(), e.familyName, enc.address());
   if (!enc.valid()) {
-    PIM_TRACE(traceError, e.invalid << enc.address());
-    return 0;
+    m.failureIs(enc.failure());
+    return m.PIM_FAIL(e.invalid, enc.address());
   }
   address = enc.address();
-  const S64 remaining = S64(pkt->size()) - S64(at) - S64(n);
-  if (remaining < S64(e.tail)) {
-    PIM_TRACE(traceError, e.length << remaining << " Expected: " << e.tail);
-    return 0;
-  }
-  return n;
+  if (r.remaining() < S64(e.tail)) return m.PIM_FAIL(e.length, r.remaining(), " Expected: ", e.tail);
+  return true;
 }
 
-// Writes the extension's address at `at` and checks the room for its tail: the address's size,
-// or 0 after a trace.
-U32 writeExtensionAddress(const Extension& e, const Loom::Ptr<Knet::Pkt>& pkt, U32 at, const Knet::IpGenAddr& address) {
+// Writes the extension's address under the cursor and checks the room for its tail; false after
+// the failure is recorded on the message.
+bool writeExtensionAddress(const Message& m, const Extension& e, Knet::PktWriter& w, const Knet::IpGenAddr& address) {
   EncodedUnicastAddress enc;
   enc.addressIs(address);
-  const U32 n = enc.writeUnicastAddress(pkt, at);
-  if (n == 0) {
-    PIM_TRACE(traceError, e.addressWrite);
-    return 0;
+  if (enc.write(w) == 0) {
+    m.failureIs(enc.failure());
+    return m.PIM_FAIL(e.addressWrite);
   }
-  const S64 remaining = S64(pkt->size()) - S64(at) - S64(n);
-  if (remaining < S64(e.tail)) {
-    PIM_TRACE(traceError, e.tailSpace << remaining << " Expected: " << e.tail);
-    return 0;
-  }
-  return n;
+  if (w.remaining() < S64(e.tail)) return m.PIM_FAIL(e.tailSpace, w.remaining(), " Expected: ", e.tail);
+  return true;
 }
 
 Routing::MetricPref readMetricPref(Knet::PktReader& r) {
@@ -134,6 +132,8 @@ constexpr const char* kTypeNames[] = {nullptr, "dfElectionOffer", "dfElectionWin
                                       "dfElectionPass"};
 
 }  // namespace
+
+std::string_view textOf(DfElectionText row) { return texts[static_cast<size_t>(row)].text; }
 
 // ======================================================================== subtype
 
@@ -173,78 +173,50 @@ void DfElectionMessage::subtypeIs(DfElectionMessageType t) {
 }
 
 U32 DfElectionMessage::readDfElectionMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  if (readHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kHeaderParse);
-    return 0;
-  }
+  if (readHeader(pkt, offset) == 0) return PIM_FAIL(T::headerParse);
+  Knet::PktReader r(pkt, offset + 4);
   EncodedUnicastAddress rp;
-  const U32 rpLen = rp.readUnicastAddress(pkt, offset + 4);
-  if (rpLen == 0) {
-    PIM_TRACE(traceError, kRpParse);
-    return 0;
+  if (rp.read(r) == 0) {
+    failureIs(rp.failure());
+    return PIM_FAIL(T::rpParse);
   }
-  if (rp.address().af() != af()) {
-    PIM_TRACE(traceError, kRpFamily << af() << "RP Address: " << rp.address());
-    return 0;
-  }
+  if (rp.address().af() != af()) return PIM_FAIL(T::rpFamily, af(), "RP Address: ", rp.address());
   if (!rp.valid()) {
-    PIM_TRACE(traceError, kRpInvalid << rp.address());
-    return 0;
+    failureIs(rp.failure());
+    return PIM_FAIL(T::rpInvalid, rp.address());
   }
   rpAddress_ = rp.address();
-  const S64 remaining = S64(pkt->size()) - S64(offset) - 4 - S64(rpLen);
-  if (remaining <= 7) {
-    PIM_TRACE(traceError, kMetricLength << remaining << " Expected: " << 8);
-    return 0;
-  }
-  Knet::PktReader r(pkt, offset + 4 + rpLen);
+  if (r.remaining() <= 7) return PIM_FAIL(T::metricLength, r.remaining(), " Expected: ", 8);
   senderMetricPref_ = readMetricPref(r);
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
-  return 4 + rpLen + 8;
+  return r.offset() - offset;
 }
 
-U32 DfElectionMessage::writeCommon(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, const WriteTexts& t,
-                                   const Knet::IpGenAddr* extra, const char* extraName) {
-  const S64 remaining = S64(pkt->size()) - S64(offset);
-  if (remaining <= 3) {
-    PIM_TRACE(traceError, t.headerSpace << remaining);
-    return 0;
-  }
+bool DfElectionMessage::writeCommon(Knet::PktWriter& w, const WriteRows& t, const Knet::IpGenAddr* extra,
+                                    const char* extraName) {
+  if (w.remaining() <= 3) return PIM_FAIL(t.headerSpace, w.remaining());
   const Knet::AddressFamily family = af();
-  if (rpAddress_.af() != family) {
-    PIM_TRACE(traceError, t.family << rpAddress_.af() << " RP Address: " << rpAddress_);
-    return 0;
-  }
-  if (extra && extra->af() != family) {
-    PIM_TRACE(traceError, t.family << extra->af() << extraName << *extra);
-    return 0;
-  }
+  if (rpAddress_.af() != family) return PIM_FAIL(t.family, rpAddress_.af(), " RP Address: ", rpAddress_);
+  if (extra && extra->af() != family) return PIM_FAIL(t.family, extra->af(), extraName, *extra);
+  w.skip(4);
   EncodedUnicastAddress rp;
   rp.addressIs(rpAddress_);
-  const U32 rpLen = rp.writeUnicastAddress(pkt, offset + 4);
-  if (rpLen == 0) {
-    PIM_TRACE(traceError, t.rpWrite);
-    return 0;
+  if (rp.write(w) == 0) {
+    failureIs(rp.failure());
+    return PIM_FAIL(t.rpWrite);
   }
-  const S64 room = remaining - 4 - S64(rpLen);
-  if (room <= 7) {
-    PIM_TRACE(traceError, t.metricSpace << room << " Expected: " << 8);
-    return 0;
-  }
-  Knet::PktWriter w(pkt, offset + 4 + rpLen);
+  if (w.remaining() <= 7) return PIM_FAIL(t.metricSpace, w.remaining(), " Expected: ", 8);
   writeMetricPref(w, senderMetricPref_);
-  return 4 + rpLen + 8;
+  return true;
 }
 
 U32 DfElectionMessage::writeDfElectionMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  const U32 n = writeCommon(pkt, offset, commonWriteTexts);
-  if (n == 0) return 0;
-  lengthIs(n);
-  if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kWriteHeader);
-    return 0;
-  }
-  return n;
+  failureClear();
+  Knet::PktWriter w(pkt, offset);
+  if (!writeCommon(w, commonWriteRows)) return 0;
+  lengthIs(w.offset() - offset);
+  if (writeHeader(pkt, offset) == 0) return PIM_FAIL(T::writeHeader);
+  return length();
 }
 
 // ======================================================================== Offer and Winner
@@ -254,10 +226,7 @@ Loom::Ptr<DfElectionWinnerMessage> dfElectionWinnerMessageFactory() { return new
 
 U32 DfElectionOfferMessage::readDfElectionOfferMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   const U32 n = readDfElectionMessage(pkt, offset);
-  if (n == 0) {
-    PIM_TRACE(traceError, "Invalid Pim DF Election Offer - Read Error");
-    return 0;
-  }
+  if (n == 0) return PIM_FAIL(T::offerRead);
   LOOM_ASSERT(dfElectionMessageType() == dfElectionOffer(), "dfElectionMessageType() == dfElectionOffer()");
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
   return n;
@@ -266,20 +235,14 @@ U32 DfElectionOfferMessage::readDfElectionOfferMessage(const Loom::Ptr<Knet::Pkt
 U32 DfElectionOfferMessage::writeDfElectionOfferMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   LOOM_ASSERT(dfElectionMessageType() == dfElectionOffer(), "dfElectionMessageType() == dfElectionOffer()");
   const U32 n = writeDfElectionMessage(pkt, offset);
-  if (n == 0) {
-    PIM_TRACE(traceError, "Invalid Pim DF Election Offer - Write Error");
-    return 0;
-  }
+  if (n == 0) return PIM_FAIL(T::offerWrite);
   PIM_TRACE(traceDetail, "TX: <PIM " << this << ">");
   return n;
 }
 
 U32 DfElectionWinnerMessage::readDfElectionWinnerMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   const U32 n = readDfElectionMessage(pkt, offset);
-  if (n == 0) {
-    PIM_TRACE(traceError, "Invalid Pim DF Election Winner - Read Error");
-    return 0;
-  }
+  if (n == 0) return PIM_FAIL(T::winnerRead);
   LOOM_ASSERT(dfElectionMessageType() == dfElectionWinner(), "dfElectionMessageType() == dfElectionWinner()");
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
   return n;
@@ -288,10 +251,7 @@ U32 DfElectionWinnerMessage::readDfElectionWinnerMessage(const Loom::Ptr<Knet::P
 U32 DfElectionWinnerMessage::writeDfElectionWinnerMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   LOOM_ASSERT(dfElectionMessageType() == dfElectionWinner(), "dfElectionMessageType() == dfElectionWinner()");
   const U32 n = writeDfElectionMessage(pkt, offset);
-  if (n == 0) {
-    PIM_TRACE(traceError, "Invalid Pim DF Election Winner - Write Error");
-    return 0;
-  }
+  if (n == 0) return PIM_FAIL(T::winnerWrite);
   PIM_TRACE(traceDetail, "TX: <PIM " << this << ">");
   return n;
 }
@@ -303,35 +263,27 @@ Loom::Ptr<DfElectionBackoffMessage> dfElectionBackoffMessageFactory() { return n
 U32 DfElectionBackoffMessage::readDfElectionBackoffMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   const Extension& e = backoffExtension;
   const U32 n = readDfElectionMessage(pkt, offset);
-  if (n == 0) {
-    PIM_TRACE(traceError, e.readError);
-    return 0;
-  }
+  if (n == 0) return PIM_FAIL(e.readError);
   LOOM_ASSERT(dfElectionMessageType() == dfElectionBackoff(), "dfElectionMessageType() == dfElectionBackoff()");
-  const U32 addressLen = readExtensionAddress(*this, e, pkt, offset + n, offeringAddress_);
-  if (addressLen == 0) return 0;
-  Knet::PktReader r(pkt, offset + n + addressLen);
+  Knet::PktReader r(pkt, offset + n);
+  if (!readExtensionAddress(*this, e, r, offeringAddress_)) return 0;
   offeringMetricPref_ = readMetricPref(r);
   interval_ = r.readU16Be();
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
-  return n + addressLen + e.tail;
+  return r.offset() - offset;
 }
 
 U32 DfElectionBackoffMessage::writeDfElectionBackoffMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   LOOM_ASSERT(dfElectionMessageType() == dfElectionBackoff(), "dfElectionMessageType() == dfElectionBackoff()");
   const Extension& e = backoffExtension;
-  const U32 n = writeCommon(pkt, offset, backoffWriteTexts, &offeringAddress_, " Offering Address: ");
-  if (n == 0) return 0;
-  const U32 addressLen = writeExtensionAddress(e, pkt, offset + n, offeringAddress_);
-  if (addressLen == 0) return 0;
-  Knet::PktWriter w(pkt, offset + n + addressLen);
+  failureClear();
+  Knet::PktWriter w(pkt, offset);
+  if (!writeCommon(w, backoffWriteRows, &offeringAddress_, " Offering Address: ")) return 0;
+  if (!writeExtensionAddress(*this, e, w, offeringAddress_)) return 0;
   writeMetricPref(w, offeringMetricPref_);
   w.writeU16Be(interval_);
-  lengthIs(n + addressLen + e.tail);
-  if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, e.headerWrite);
-    return 0;
-  }
+  lengthIs(w.offset() - offset);
+  if (writeHeader(pkt, offset) == 0) return PIM_FAIL(e.headerWrite);
   return length();
 }
 
@@ -342,33 +294,25 @@ Loom::Ptr<DfElectionPassMessage> dfElectionPassMessageFactory() { return new DfE
 U32 DfElectionPassMessage::readDfElectionPassMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   const Extension& e = passExtension;
   const U32 n = readDfElectionMessage(pkt, offset);
-  if (n == 0) {
-    PIM_TRACE(traceError, e.readError);
-    return 0;
-  }
+  if (n == 0) return PIM_FAIL(e.readError);
   LOOM_ASSERT(dfElectionMessageType() == dfElectionPass(), "dfElectionMessageType() == dfElectionPass()");
-  const U32 addressLen = readExtensionAddress(*this, e, pkt, offset + n, winningAddress_);
-  if (addressLen == 0) return 0;
-  Knet::PktReader r(pkt, offset + n + addressLen);
+  Knet::PktReader r(pkt, offset + n);
+  if (!readExtensionAddress(*this, e, r, winningAddress_)) return 0;
   winningMetricPref_ = readMetricPref(r);
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
-  return n + addressLen + e.tail;
+  return r.offset() - offset;
 }
 
 U32 DfElectionPassMessage::writeDfElectionPassMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   LOOM_ASSERT(dfElectionMessageType() == dfElectionPass(), "dfElectionMessageType() == dfElectionPass()");
   const Extension& e = passExtension;
-  const U32 n = writeCommon(pkt, offset, passWriteTexts, &winningAddress_, " Winning Address: ");
-  if (n == 0) return 0;
-  const U32 addressLen = writeExtensionAddress(e, pkt, offset + n, winningAddress_);
-  if (addressLen == 0) return 0;
-  Knet::PktWriter w(pkt, offset + n + addressLen);
+  failureClear();
+  Knet::PktWriter w(pkt, offset);
+  if (!writeCommon(w, passWriteRows, &winningAddress_, " Winning Address: ")) return 0;
+  if (!writeExtensionAddress(*this, e, w, winningAddress_)) return 0;
   writeMetricPref(w, winningMetricPref_);
-  lengthIs(n + addressLen + e.tail);
-  if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, e.headerWrite);
-    return 0;
-  }
+  lengthIs(w.offset() - offset);
+  if (writeHeader(pkt, offset) == 0) return PIM_FAIL(e.headerWrite);
   return length();
 }
 

@@ -13,8 +13,54 @@
 
 #include "PimData/MetricPref.h"
 #include "PimMessage/Message.h"
+#include "knet/Cursor.h"
 
 namespace Routing::Pim::Packet {
+
+// The rows of the DF election's text table: the common part's, then each subtype's.
+enum class DfElectionText : U8 {
+  headerParse,
+  rpParse,
+  rpFamily,
+  rpInvalid,
+  metricLength,
+  writeHeader,
+  headerSpace,
+  family,
+  rpWrite,
+  metricSpace,
+  offerRead,
+  offerWrite,
+  winnerRead,
+  winnerWrite,
+  backoffRead,
+  offeringParse,
+  offeringFamily,
+  offeringInvalid,
+  offeringLength,
+  backoffHeaderSpace,
+  backoffFamily,
+  backoffRpWrite,
+  backoffMetricSpace,
+  offeringWrite,
+  offeringTailSpace,
+  backoffHeaderWrite,
+  passRead,
+  winningParse,
+  winningFamily,
+  winningInvalid,
+  winningLength,
+  passHeaderSpace,
+  passFamily,
+  passRpWrite,
+  passMetricSpace,
+  winningWrite,
+  winningTailSpace,
+  passHeaderWrite,
+};
+template <>
+inline constexpr TextTable textTableOf<DfElectionText> = TextTable::dfElection;
+std::string_view textOf(DfElectionText row);
 
 enum class DfElectionMessageType : U8 {
   dfElectionOffer = 1,
@@ -36,12 +82,12 @@ std::optional<DfElectionMessageType> dfElectionMessageTypeInstance(std::string_v
 
 class DfElectionMessage : public Message {
  public:
-  // The failure texts of a write of the common part; Backoff and Pass have their own.
-  struct WriteTexts {
-    const char* headerSpace;
-    const char* family;
-    const char* rpWrite;
-    const char* metricSpace;
+  // The failures of a write of the common part; Backoff and Pass have their own.
+  struct WriteRows {
+    DfElectionText headerSpace;
+    DfElectionText family;
+    DfElectionText rpWrite;
+    DfElectionText metricSpace;
   };
 
   DfElectionMessage();
@@ -66,10 +112,11 @@ class DfElectionMessage : public Message {
  protected:
   // Sets the subtype and the header's messageSubtype.
   void subtypeIs(DfElectionMessageType t);
-  // The RP address and the sender's metric behind the header at offset, checked as the common
-  // write checks them, with the texts of one message kind: the bytes written, or 0.
-  U32 writeCommon(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, const WriteTexts& t,
-                  const Knet::IpGenAddr* extra = nullptr, const char* extraName = nullptr);
+  // The header's room and, behind it, the RP address and the sender's metric under the cursor
+  // (which starts at the header), checked as the common write checks them, with the rows of one
+  // message kind; false after the failure is recorded.
+  bool writeCommon(Knet::PktWriter& w, const WriteRows& t, const Knet::IpGenAddr* extra = nullptr,
+                   const char* extraName = nullptr);
 
  private:
   Knet::IpGenAddr rpAddress_;

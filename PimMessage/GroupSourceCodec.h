@@ -1,29 +1,30 @@
 #pragma once
 // The body that Register-Stop and Assert begin with: an Encoded-Group address that must be a
 // multicast host address of the message's family, then an Encoded-Unicast source of the same
-// family. The two messages differ only in their texts. Internal to the codec.
+// family. The two messages differ only in their rows. Internal to the codec.
 #include "PimMessage/EncodedAddress.h"
 #include "PimMessage/Message.h"
+#include "knet/Cursor.h"
 
 namespace Routing::Pim::Packet::GroupSource {
 
-struct ReadTexts {
-  const char* headerParse;
-  const char* groupParse;
-  const char* groupFamily;  // then the message family, groupFamilyAddress and the group
+// The rows of one message's table that the body fails with.
+struct ReadRows {
+  Failure groupParse;
+  Failure groupFamily;  // then the message family, groupFamilyAddress and the group
   const char* groupFamilyAddress;
-  const char* groupPrefix;  // then the prefix
-  const char* sourceParse;
-  const char* sourceFamily;  // then the message family, sourceFamilyAddress and the source
+  Failure groupPrefix;  // then the prefix
+  Failure sourceParse;
+  Failure sourceFamily;  // then the message family, sourceFamilyAddress and the source
   const char* sourceFamilyAddress;
-  const char* sourceInvalid;  // then the source
+  Failure sourceInvalid;  // then the source
 };
 
-struct WriteTexts {
-  const char* headerSpace;  // then the room
-  const char* family;       // then the address's family, " Group Address: " or " Source Address: "
-  const char* groupWrite;
-  const char* sourceWrite;
+struct WriteRows {
+  Failure headerSpace;  // then the room
+  Failure family;       // then the address's family, " Group Address: " or " Source Address: "
+  Failure groupWrite;
+  Failure sourceWrite;
 };
 
 struct Body {
@@ -31,12 +32,12 @@ struct Body {
   Knet::IpGenAddr source;
 };
 
-// Reads and checks the header and both addresses at offset; returns the offset just behind the
-// source, or 0 (after one error trace).
-U32 read(Message& m, const ReadTexts& t, const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, Body& out);
+// Reads and checks both addresses under the cursor (behind the header), moving it past them;
+// false after the failure is recorded on the message and traced.
+bool read(const Message& m, const ReadRows& t, Knet::PktReader& r, Body& out);
 
-// Writes both addresses behind the header room at offset (the header itself is the caller's);
-// returns the offset just behind the source, or 0 (after one error trace).
-U32 write(const Message& m, const WriteTexts& t, const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, const Body& in);
+// Checks the room for the header under the cursor, moves past it (the header itself is the
+// caller's) and writes both addresses; false after the failure is recorded and traced.
+bool write(const Message& m, const WriteRows& t, Knet::PktWriter& w, const Body& in);
 
 }  // namespace Routing::Pim::Packet::GroupSource

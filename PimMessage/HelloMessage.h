@@ -7,9 +7,57 @@
 #include <vector>
 
 #include "PimMessage/Message.h"
+#include "knet/Cursor.h"
 #include "loom/SmallVector.h"
 
 namespace Routing::Pim::Packet {
+
+// The rows of the Hello's text table: the failures of a read or write, the connection options
+// that a read skips, and the missing holdtime that a read accepts.
+enum class HelloText : U8 {
+  readHeader,
+  optionLength,
+  holdtimeSize,
+  lanPruneDelaySize,
+  drPrioritySize,
+  generationIdSize,
+  bidirSize,
+  interfaceIdSize,
+  holdtimeLength,
+  lanPruneDelayLength,
+  drPriorityLength,
+  generationIdLength,
+  addressListLength,
+  addressParse,
+  noHoldtime,
+  tcpSize,
+  tcpIpv4Length,
+  tcpIpv6Length,
+  tcpReadFamily,
+  tcpIdFamily,
+  tcpWriteFamily,
+  tcpWriteSpace,
+  sctpSize,
+  sctpIpv4Length,
+  sctpIpv6Length,
+  sctpReadFamily,
+  sctpIdFamily,
+  sctpWriteFamily,
+  sctpWriteSpace,
+  writeHeaderSpace,
+  writeHoldtime,
+  writeLanPruneDelay,
+  writeDrPriority,
+  writeGenerationId,
+  writeBidir,
+  writeAddressFamily,
+  writeAddress,
+  writeInterfaceId,
+  writeHeader,
+};
+template <>
+inline constexpr TextTable textTableOf<HelloText> = TextTable::hello;
+std::string_view textOf(HelloText row);
 
 enum HelloOptionTypeConstants : U16 {
   helloHoldTime = 1,
@@ -121,9 +169,8 @@ class HelloMessage : public Message {
   void print(std::ostream& os) const override;
 
  private:
-  struct OptionRead;
-  bool readAddressList(const Loom::Ptr<Knet::Pkt>& pkt, U64& pos, S64 valueRoom, U16 length);
-  void readConnectionOption(const Loom::Ptr<Knet::Pkt>& pkt, U64 pos, S64 valueRoom, U16 type, U16 length);
+  U32 readAddressList(Knet::PktReader& r, U16 length);
+  void readConnectionOption(Knet::PktReader& value, U16 type);
 
   bool holdTimeOption_ = false;
   U16 holdTime_ = 0;

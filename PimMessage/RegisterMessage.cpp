@@ -1,6 +1,7 @@
 #include "PimMessage/RegisterMessage.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "PimMessage/GroupSourceCodec.h"
@@ -11,53 +12,57 @@
 namespace Routing::Pim::Packet {
 namespace {
 
-// ---- Register texts ----
-constexpr const char* kHeaderParse = "Invalid Pim Register - Header - Parse Error";
-constexpr const char* kFlagsLength = "Invalid Pim Register - Flags Length - Remaining: ";
-constexpr const char* kInvalidVersion = "Invalid Pim Register ";
-constexpr const char* kInnerFamily = "Invalid Pim Register - Inner Ip Header - Family: ";
-constexpr const char* kUnknownVersion = "Invalid Pim Register - Inner Ip Header - Unknown Version";
-constexpr const char* kNotMulticast = "Invalid Pim Register - Inner Ip Header - Not Multicast - Destination: ";
-constexpr const char* kNotMulticast6 = "Invalid Pim Register - Inner Ip6 Header - Not Multicast - Destination: ";
-constexpr const char* kNullChecksum = "Invalid Pim Register - Null Register - Invalid Inner Ip Checksum";
-constexpr const char* kNullLength = "Invalid Pim Register - Null Register - Invalid Inner Ip Length - Length: ";
-constexpr const char* kNullLength6 = "Invalid Pim Register - Null Register - Invalid Inner Ip6 Length - Length: ";
-constexpr const char* kDataLength = "Invalid Pim Register - Encapsulated Data Length - Remaining: ";
-constexpr const char* kWriteHeaderSpace = "Invalid Pim Register - Header - Unavailable Space - Remaining: ";
-constexpr const char* kWriteFlagsSpace = "Invalid Pim Register - Flags - Unavailable Space - Remaining: ";
-constexpr const char* kWriteHeader = "Invalid Pim Register - Header - Write Error";
-constexpr const char* kNullWithData = "Invalid Pim Register - Null Register - Using Encapsulated Data Fields";
-constexpr const char* kNullSpace = "Invalid Pim Register - Null Header - Unavailable Space - Remaining: ";
-constexpr const char* kWriteFamily = "Invalid Pim Register - Invalid Family - Family: ";
-constexpr const char* kNoRcvdPkt = "Invalid Pim Register - No Rcvd Pkt";
-constexpr const char* kWriteDataLength = "Invalid Pim Register - Encapsulated Data Length - Length: ";
-constexpr const char* kWriteDataSpace = "Invalid Pim Register - Encapsulated Data - Unavailable Space - Remaining: ";
+using T = RegisterText;
+using S = RegisterStopText;
 
-// ---- Register-Stop texts ----
-constexpr GroupSource::ReadTexts registerStopReadTexts{
-    "Invalid Pim Register Stop - Header - Parse Error",
-    "Invalid Pim Register Stop - Group Address - Parse Error",
-    "Invalid Pim Register Stop - Group Address - Invalid Family - Family: ",
-    "Address: ",
-    "Invalid Pim Register Stop - Group Address - Invalid Prefix - ",
-    "Invalid Pim Register Stop - Source Address - Parse Error",
-    "Invalid Pim Register Stop - Source Address - Invalid Family - Family: ",
-    "Address: ",
-    "Invalid Pim Register Stop - Source Address - Invalid Address: ",
+constexpr std::array<TextRow<RegisterText>, 20> texts{{
+    {T::headerParse, "Invalid Pim Register - Header - Parse Error"},
+    {T::flagsLength, "Invalid Pim Register - Flags Length - Remaining: "},
+    {T::invalidVersion, "Invalid Pim Register "},
+    {T::innerFamily, "Invalid Pim Register - Inner Ip Header - Family: "},
+    {T::unknownVersion, "Invalid Pim Register - Inner Ip Header - Unknown Version"},
+    {T::notMulticast, "Invalid Pim Register - Inner Ip Header - Not Multicast - Destination: "},
+    {T::notMulticast6, "Invalid Pim Register - Inner Ip6 Header - Not Multicast - Destination: "},
+    {T::nullChecksum, "Invalid Pim Register - Null Register - Invalid Inner Ip Checksum"},
+    {T::nullLength, "Invalid Pim Register - Null Register - Invalid Inner Ip Length - Length: "},
+    {T::nullLength6, "Invalid Pim Register - Null Register - Invalid Inner Ip6 Length - Length: "},
+    {T::dataLength, "Invalid Pim Register - Encapsulated Data Length - Remaining: "},
+    {T::writeHeaderSpace, "Invalid Pim Register - Header - Unavailable Space - Remaining: "},
+    {T::writeFlagsSpace, "Invalid Pim Register - Flags - Unavailable Space - Remaining: "},
+    {T::writeHeader, "Invalid Pim Register - Header - Write Error"},
+    {T::nullWithData, "Invalid Pim Register - Null Register - Using Encapsulated Data Fields"},
+    {T::nullSpace, "Invalid Pim Register - Null Header - Unavailable Space - Remaining: "},
+    {T::writeFamily, "Invalid Pim Register - Invalid Family - Family: "},
+    {T::noRcvdPkt, "Invalid Pim Register - No Rcvd Pkt"},
+    {T::writeDataLength, "Invalid Pim Register - Encapsulated Data Length - Length: "},
+    {T::writeDataSpace, "Invalid Pim Register - Encapsulated Data - Unavailable Space - Remaining: "},
+}};
+static_assert(rowsInOrder(texts));
+
+constexpr std::array<TextRow<RegisterStopText>, 13> stopTexts{{
+    {S::headerParse, "Invalid Pim Register Stop - Header - Parse Error"},
+    {S::groupParse, "Invalid Pim Register Stop - Group Address - Parse Error"},
+    {S::groupFamily, "Invalid Pim Register Stop - Group Address - Invalid Family - Family: "},
+    {S::groupPrefix, "Invalid Pim Register Stop - Group Address - Invalid Prefix - "},
+    {S::sourceParse, "Invalid Pim Register Stop - Source Address - Parse Error"},
+    {S::sourceFamily, "Invalid Pim Register Stop - Source Address - Invalid Family - Family: "},
+    {S::sourceInvalid, "Invalid Pim Register Stop - Source Address - Invalid Address: "},
+    {S::endOfMessage, "Invalid Pim Register Stop - End of Message - Remaining: "},
+    {S::writeHeaderSpace, "Invalid Pim Register Stop - Header - Unavailable Space - Remaining: "},
+    {S::writeFamily, "Invalid Pim Register Stop - Invalid Family - Family: "},
+    {S::groupWrite, "Invalid Pim Register Stop - Group Address - Write Error"},
+    {S::sourceWrite, "Invalid Pim Register Stop - Source Address - Write Error"},
+    {S::writeHeader, "Invalid Pim Register Stop - Header - Write Error"},
+}};
+static_assert(rowsInOrder(stopTexts));
+
+constexpr GroupSource::ReadRows stopReadRows{
+    S::groupParse,  S::groupFamily,  "Address: ", S::groupPrefix,
+    S::sourceParse, S::sourceFamily, "Address: ", S::sourceInvalid,
 };
-constexpr GroupSource::WriteTexts registerStopWriteTexts{
-    "Invalid Pim Register Stop - Header - Unavailable Space - Remaining: ",
-    "Invalid Pim Register Stop - Invalid Family - Family: ",
-    "Invalid Pim Register Stop - Group Address - Write Error",
-    "Invalid Pim Register Stop - Source Address - Write Error",
-};
-constexpr const char* kStopEndOfMessage = "Invalid Pim Register Stop - End of Message - Remaining: ";
-constexpr const char* kStopWriteHeader = "Invalid Pim Register Stop - Header - Write Error";
+constexpr GroupSource::WriteRows stopWriteRows{S::writeHeaderSpace, S::writeFamily, S::groupWrite, S::sourceWrite};
 
-constexpr U32 flagsOffset = 4;  // the flags word, behind the PIM header
-constexpr U32 innerOffset = 8;  // the inner IP header, behind the flags word
-
-U32 loadU32Be(const U8* p) { return U32(p[0]) << 24 | U32(p[1]) << 16 | U32(p[2]) << 8 | p[3]; }
+constexpr U32 innerOffset = 8;  // the inner IP header, behind the header and the flags word
 
 // The fields of an IPv4 dummy header, as the Null-Register traces show them, with the checksum
 // the header should carry.
@@ -75,6 +80,9 @@ std::ostream& operator<<(std::ostream& os, DummyHeader d) {
 }
 
 }  // namespace
+
+std::string_view textOf(RegisterText row) { return texts[static_cast<size_t>(row)].text; }
+std::string_view textOf(RegisterStopText row) { return stopTexts[static_cast<size_t>(row)].text; }
 
 // ======================================================================== Register
 
@@ -104,23 +112,19 @@ void RegisterMessage::handleMessageSubtype() {
 }
 
 U32 RegisterMessage::readRegisterMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  if (readHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kHeaderParse);
-    return 0;
-  }
-  const S64 rest = S64(pkt->size()) - S64(offset) - 4;
-  PIM_TRACE(traceDetail, "readRegisterMessage: headBytes " << offset + 4 << ", Remaining: " << rest);
-  if (rest < 4) {
-    PIM_TRACE(traceError, kFlagsLength << rest << " Expected: " << 4);
-    return 0;
-  }
-  implRegisterFlagsU32Is(loadU32Be(pkt->data() + offset + flagsOffset));
-  return readInner(pkt, offset, static_cast<U32>(rest - 4));
+  if (readHeader(pkt, offset) == 0) return PIM_FAIL(T::headerParse);
+  Knet::PktReader r(pkt, offset + 4);
+  PIM_TRACE(traceDetail, "readRegisterMessage: headBytes " << r.offset() << ", Remaining: " << r.remaining());
+  if (r.remaining() < 4) return PIM_FAIL(T::flagsLength, r.remaining(), " Expected: ", 4);
+  implRegisterFlagsU32Is(r.readU32Be());
+  if (readInner(pkt, r) == 0) return 0;
+  return r.offset() - offset;
 }
 
-// The inner header and the data behind the flags word, dataLength bytes of them.
-U32 RegisterMessage::readInner(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, U32 dataLength) {
-  const U8* inner = pkt->data() + offset + innerOffset;
+// The inner header and the data under the cursor, all the rest of the packet: its size, or 0.
+U32 RegisterMessage::readInner(const Loom::Ptr<Knet::Pkt>& pkt, Knet::PktReader& r) {
+  const U32 dataLength = static_cast<U32>(r.remaining());
+  const U8* inner = r.data() + r.offset();
   const Knet::AddressFamily family = af();
   // The version nibble. A dummy header with a zero version is taken as IPv4. With no byte at all
   // the family is the message's, and the length checks below refuse the message.
@@ -132,35 +136,24 @@ U32 RegisterMessage::readInner(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, U32 
     } else if (version == 6) {
       innerFamily = Knet::AddressFamily::ipv6;
     } else {
-      PIM_TRACE(traceError, kInvalidVersion);
-      return 0;
+      return PIM_FAIL(T::invalidVersion);
     }
   }
-  if (family != innerFamily) {
-    PIM_TRACE(traceError, kInnerFamily << family << " Inner Family: " << innerFamily);
-    return 0;
-  }
+  if (family != innerFamily) return PIM_FAIL(T::innerFamily, family, " Inner Family: ", innerFamily);
   const bool null = nullFlag();
   if (family == Knet::AddressFamily::ipv4) {
     // A header that is not all there is refused with the length texts before any field of it
     // is read.
     if (dataLength < Knet::IpHdr::minSize) {
       const U32 total = dataLength >= 4 ? U32(inner[2]) << 8 | inner[3] : 0;
-      if (null) {
-        PIM_TRACE(traceError, kNullLength << total << " Remaining: " << dataLength);
-      } else {
-        // The total length when the header holds it, else the least a header takes.
-        PIM_TRACE(traceError, kDataLength << dataLength << " Expected: " << (dataLength >= 4 ? total : Knet::IpHdr::minSize));
-      }
-      return 0;
+      if (null) return PIM_FAIL(T::nullLength, total, " Remaining: ", dataLength);
+      // The total length when the header holds it, else the least a header takes.
+      return PIM_FAIL(T::dataLength, dataLength, " Expected: ", dataLength >= 4 ? total : Knet::IpHdr::minSize);
     }
     const Knet::IpHdr h(inner, dataLength);
     encapsulatedSrcIs(h.src());
     encapsulatedDstIs(h.dst());
-    if (!encapsulatedDst_.isMulticast()) {
-      PIM_TRACE(traceError, kNotMulticast << encapsulatedDst_);
-      return 0;
-    }
+    if (!encapsulatedDst_.isMulticast()) return PIM_FAIL(T::notMulticast, encapsulatedDst_);
     if (null) {
       // The checksum is summed over the header length that the header gives, kept within the
       // bytes at hand; a zero checksum field is taken as not computed.
@@ -170,35 +163,23 @@ U32 RegisterMessage::readInner(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, U32 
       bounded[0] = static_cast<U8>((bounded[0] & 0xf0) | hl / 4);
       const Knet::IpHdr summed(bounded, hl);
       PIM_TRACE(traceDetail, "RX: Dummy Header: " << (DummyHeader{h, summed.expectedChecksum()}));
-      if (h.checksum() != 0 && summed.computedChecksum() != 0) {
-        PIM_TRACE(traceError, kNullChecksum);
-        return 0;
-      }
+      if (h.checksum() != 0 && summed.computedChecksum() != 0) return PIM_FAIL(T::nullChecksum);
       if (dataLength == 0 || dataLength != h.totalLength()) {
-        PIM_TRACE(traceError, kNullLength << h.totalLength() << " Remaining: " << dataLength);
-        return 0;
+        return PIM_FAIL(T::nullLength, h.totalLength(), " Remaining: ", dataLength);
       }
     } else if (dataLength == 0 || dataLength < h.headerLength() || dataLength != h.totalLength()) {
-      PIM_TRACE(traceError, kDataLength << dataLength << " Expected: " << h.totalLength());
-      return 0;
+      return PIM_FAIL(T::dataLength, dataLength, " Expected: ", h.totalLength());
     }
   } else if (family == Knet::AddressFamily::ipv6) {
     if (dataLength < Knet::Ip6Hdr::size) {
       const U32 payload = dataLength >= 6 ? U32(inner[4]) << 8 | inner[5] : 0;
-      if (null) {
-        PIM_TRACE(traceError, kNullLength6 << payload + Knet::Ip6Hdr::size << " Remaining: " << dataLength);
-      } else {
-        PIM_TRACE(traceError, kDataLength << dataLength << " Expected: " << payload);
-      }
-      return 0;
+      if (null) return PIM_FAIL(T::nullLength6, payload + Knet::Ip6Hdr::size, " Remaining: ", dataLength);
+      return PIM_FAIL(T::dataLength, dataLength, " Expected: ", payload);
     }
     const Knet::Ip6Hdr h(inner, dataLength);
     encapsulatedSrcIs(h.src());
     encapsulatedDstIs(h.dst());
-    if (!encapsulatedDst_.isMulticast()) {
-      PIM_TRACE(traceError, kNotMulticast6 << encapsulatedDst_);
-      return 0;
-    }
+    if (!encapsulatedDst_.isMulticast()) return PIM_FAIL(T::notMulticast6, encapsulatedDst_);
     if (null) {
       PIM_TRACE(traceDetail, "RX6: Dummy Header: <IP version=" << int(h.version()) << " hdl=" << Knet::Ip6Hdr::size
                                  << " trafficClass=" << int(h.trafficClass()) << " plen=" << h.payloadLength()
@@ -207,146 +188,98 @@ U32 RegisterMessage::readInner(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, U32 
                                  << " fl=" << h.flowLabel() << ">");
       const U32 expected = U32(h.payloadLength()) + Knet::Ip6Hdr::size;
       if (dataLength == 0 || dataLength != expected) {
-        PIM_TRACE(traceError, kNullLength6 << expected << " Remaining: " << dataLength);
-        return 0;
+        return PIM_FAIL(T::nullLength6, expected, " Remaining: ", dataLength);
       }
     } else if (dataLength == 0 || dataLength < h.payloadLength()) {
       // Looser than IPv4: bytes beyond the payload length are accepted.
-      PIM_TRACE(traceError, kDataLength << dataLength << " Expected: " << h.payloadLength());
-      return 0;
+      return PIM_FAIL(T::dataLength, dataLength, " Expected: ", h.payloadLength());
     }
   } else {
-    PIM_TRACE(traceError, kUnknownVersion);
-    return 0;
+    return PIM_FAIL(T::unknownVersion);
   }
+  const Knet::PktOffset innerAt = r.offset();
+  if (!r.skip(dataLength)) return 0;  // all that remains
   if (!null) {
     rcvdPkt_ = pkt;
-    pkt->delSharedHeadData(offset + innerOffset);
+    pkt->delSharedHeadData(innerAt);
   }
   PIM_TRACE(traceDetail, "RX6: <PIM " << this << ">");
-  return innerOffset + dataLength;
+  return dataLength;
 }
 
 U32 RegisterMessage::writeRegisterMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  const S64 remaining = S64(pkt->size()) - S64(offset);
-  if (remaining < 4) {
-    PIM_TRACE(traceError, kWriteHeaderSpace << remaining);
-    return 0;
-  }
-  if (remaining - 4 <= 3) {
-    PIM_TRACE(traceError, kWriteFlagsSpace << remaining - 4 << " Expected: " << 4);
-    return 0;
-  }
-  Knet::PktWriter w(pkt, offset + flagsOffset);
+  failureClear();
+  Knet::PktWriter w(pkt, offset);
+  if (w.remaining() < 4) return PIM_FAIL(T::writeHeaderSpace, w.remaining());
+  w.skip(4);
+  if (w.remaining() <= 3) return PIM_FAIL(T::writeFlagsSpace, w.remaining(), " Expected: ", 4);
   w.writeU32Be(implRegisterFlags_.value());
   // The checksum covers the header and the flags word only, so the header is written now.
   lengthIs(innerOffset);
-  if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kWriteHeader);
-    return 0;
-  }
-  const U32 at = offset + innerOffset;
-  const S64 room = remaining - innerOffset;
-  const U32 n = nullFlag() ? writeNull(pkt, at, room) : writeData(pkt, at, room);
+  if (writeHeader(pkt, offset) == 0) return PIM_FAIL(T::writeHeader);
+  const U32 n = nullFlag() ? writeNull(w) : writeData(w);
   if (n == 0) return 0;
   PIM_TRACE(traceDetail, "TX: <PIM " << this << ">");
-  return innerOffset + n;
+  return w.offset() - offset;
 }
 
-// The dummy header of a Null-Register, at `at` with `room` bytes: its size, or 0.
-U32 RegisterMessage::writeNull(const Loom::Ptr<Knet::Pkt>& pkt, U32 at, S64 room) {
-  if (rcvdPkt_) {
-    PIM_TRACE(traceError, kNullWithData);
-    return 0;
-  }
+// The dummy header of a Null-Register under the cursor: its size, or 0.
+U32 RegisterMessage::writeNull(Knet::PktWriter& w) {
+  if (rcvdPkt_) return PIM_FAIL(T::nullWithData);
   const Knet::AddressFamily family = af();
-  U8* out = pkt->data() + at;
+  const S64 room = w.remaining();
+  U8* out = w.data() + w.offset();
   if (family == Knet::AddressFamily::ipv4) {
-    if (!encapsulatedDst_.isMulticast()) {
-      PIM_TRACE(traceError, kNotMulticast << encapsulatedDst_);
-      return 0;
-    }
-    if (room <= 19) {
-      PIM_TRACE(traceError, kNullSpace << room << " Expected: " << Knet::IpHdr::minSize);
-      return 0;
-    }
+    if (!encapsulatedDst_.isMulticast()) return PIM_FAIL(T::notMulticast, encapsulatedDst_);
+    if (room <= 19) return PIM_FAIL(T::nullSpace, room, " Expected: ", Knet::IpHdr::minSize);
     Knet::IpHdr::write(out, 0, Knet::IpHdr::minSize, 1, Knet::ipProtoPim, encapsulatedSrc_, encapsulatedDst_, 1,
                        Knet::IpHdr::dontFragmentFlag);
     const Knet::IpHdr h(out, Knet::IpHdr::minSize);
     PIM_TRACE(traceDetail, "TX: Dummy Header: " << (DummyHeader{h, h.expectedChecksum()}));
+    w.skip(Knet::IpHdr::minSize);
     return Knet::IpHdr::minSize;
   }
   if (family == Knet::AddressFamily::ipv6) {
-    if (!encapsulatedDst_.isMulticast()) {
-      PIM_TRACE(traceError, kNotMulticast6 << encapsulatedDst_);
-      return 0;
-    }
-    if (room <= 39) {
-      PIM_TRACE(traceError, kNullSpace << room << " Expected: " << Knet::Ip6Hdr::size);
-      return 0;
-    }
+    if (!encapsulatedDst_.isMulticast()) return PIM_FAIL(T::notMulticast6, encapsulatedDst_);
+    if (room <= 39) return PIM_FAIL(T::nullSpace, room, " Expected: ", Knet::Ip6Hdr::size);
     Knet::Ip6Hdr::write(out, Knet::ip6TrafficClass(), 0, Knet::ipProtoPim, 1, encapsulatedSrc_, encapsulatedDst_);
     const Knet::Ip6Hdr h(out, Knet::Ip6Hdr::size);
     PIM_TRACE(traceDetail, "TX6: Dummy Header: <IP6 version=" << int(h.version()) << " payloadLen=" << h.payloadLength()
                                << " hopLimit=" << int(h.hopLimit()) << " proto=" << int(h.nextHeader())
                                << " src=" << h.src() << " dst=" << h.dst() << " tc= " << int(h.trafficClass())
                                << " fl= " << h.flowLabel() << ">");
+    w.skip(Knet::Ip6Hdr::size);
     return Knet::Ip6Hdr::size;
   }
-  PIM_TRACE(traceError, kWriteFamily << family);
-  return 0;
+  return PIM_FAIL(T::writeFamily, family);
 }
 
-// The packet to encapsulate, copied to `at` with `room` bytes: its size, or 0.
-U32 RegisterMessage::writeData(const Loom::Ptr<Knet::Pkt>& pkt, U32 at, S64 room) {
-  if (!rcvdPkt_) {
-    PIM_TRACE(traceError, kNoRcvdPkt);
-    return 0;
-  }
+// The packet to encapsulate, copied under the cursor: its size, or 0.
+U32 RegisterMessage::writeData(Knet::PktWriter& w) {
+  if (!rcvdPkt_) return PIM_FAIL(T::noRcvdPkt);
   const Knet::AddressFamily family = af();
   const U8* inner = rcvdPkt_->data();
   const U32 length = rcvdPkt_->size();
   if (family == Knet::AddressFamily::ipv4) {
-    if (length < Knet::IpHdr::minSize) {
-      PIM_TRACE(traceError, kWriteDataLength << length << " Expected: " << Knet::IpHdr::minSize);
-      return 0;
-    }
+    if (length < Knet::IpHdr::minSize) return PIM_FAIL(T::writeDataLength, length, " Expected: ", Knet::IpHdr::minSize);
     const Knet::IpHdr h(inner, length);
     encapsulatedSrcIs(h.src());
     encapsulatedDstIs(h.dst());
-    if (!encapsulatedDst_.isMulticast()) {
-      PIM_TRACE(traceError, kNotMulticast << encapsulatedDst_);
-      return 0;
-    }
-    if (h.totalLength() != length) {
-      PIM_TRACE(traceError, kWriteDataLength << length << " Expected: " << h.totalLength());
-      return 0;
-    }
+    if (!encapsulatedDst_.isMulticast()) return PIM_FAIL(T::notMulticast, encapsulatedDst_);
+    if (h.totalLength() != length) return PIM_FAIL(T::writeDataLength, length, " Expected: ", h.totalLength());
   } else if (family == Knet::AddressFamily::ipv6) {
-    if (length < Knet::Ip6Hdr::size) {
-      PIM_TRACE(traceError, kWriteDataLength << length << " Expected: " << Knet::Ip6Hdr::size);
-      return 0;
-    }
+    if (length < Knet::Ip6Hdr::size) return PIM_FAIL(T::writeDataLength, length, " Expected: ", Knet::Ip6Hdr::size);
     const Knet::Ip6Hdr h(inner, length);
     encapsulatedSrcIs(h.src());
     encapsulatedDstIs(h.dst());
-    if (!encapsulatedDst_.isMulticast()) {
-      PIM_TRACE(traceError, kNotMulticast6 << encapsulatedDst_);
-      return 0;
-    }
-    if (h.payloadLength() > length) {
-      PIM_TRACE(traceError, kWriteDataLength << length << " Expected: " << h.payloadLength());
-      return 0;
-    }
+    if (!encapsulatedDst_.isMulticast()) return PIM_FAIL(T::notMulticast6, encapsulatedDst_);
+    if (h.payloadLength() > length) return PIM_FAIL(T::writeDataLength, length, " Expected: ", h.payloadLength());
   } else {
-    PIM_TRACE(traceError, kWriteFamily << family);
-    return 0;
+    return PIM_FAIL(T::writeFamily, family);
   }
-  if (room < S64(length)) {
-    PIM_TRACE(traceError, kWriteDataSpace << room << " Expected: " << length);
-    return 0;
-  }
-  std::memcpy(pkt->data() + at, inner, length);
+  if (w.remaining() < S64(length)) return PIM_FAIL(T::writeDataSpace, w.remaining(), " Expected: ", length);
+  std::memcpy(w.data() + w.offset(), inner, length);
+  w.skip(length);
   return length;
 }
 
@@ -357,29 +290,24 @@ RegisterStopMessage::RegisterStopMessage() : Message(Knet::pimRegisterStop()) {}
 Loom::Ptr<RegisterStopMessage> registerStopMessageFactory() { return new RegisterStopMessage; }
 
 U32 RegisterStopMessage::readRegisterStopMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
+  if (readHeader(pkt, offset) == 0) return PIM_FAIL(S::headerParse);
+  Knet::PktReader r(pkt, offset + 4);
   GroupSource::Body body;
-  const U32 end = GroupSource::read(*this, registerStopReadTexts, pkt, offset, body);
-  if (end == 0) return 0;
+  if (!GroupSource::read(*this, stopReadRows, r, body)) return 0;
   group_ = body.group.address;
   groupFlags_ = body.group.flags;
   source_ = body.source;
-  if (end != pkt->size()) {
-    PIM_TRACE(traceError, kStopEndOfMessage << pkt->size() - end);
-    return 0;
-  }
+  if (!r.atEnd()) return PIM_FAIL(S::endOfMessage, r.remaining());
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
-  return end - offset;
+  return r.offset() - offset;
 }
 
 U32 RegisterStopMessage::writeRegisterStopMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  const U32 end =
-      GroupSource::write(*this, registerStopWriteTexts, pkt, offset, GroupSource::Body{{group_, groupFlags_}, source_});
-  if (end == 0) return 0;
-  lengthIs(end - offset);
-  if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kStopWriteHeader);
-    return 0;
-  }
+  failureClear();
+  Knet::PktWriter w(pkt, offset);
+  if (!GroupSource::write(*this, stopWriteRows, w, GroupSource::Body{{group_, groupFlags_}, source_})) return 0;
+  lengthIs(w.offset() - offset);
+  if (writeHeader(pkt, offset) == 0) return PIM_FAIL(S::writeHeader);
   PIM_TRACE(traceDetail, "TX: <PIM " << this << ">");
   return length();
 }

@@ -11,8 +11,56 @@
 
 #include "PimData/PimFlags.h"
 #include "PimMessage/Message.h"
+#include "knet/Cursor.h"
 
 namespace Routing::Pim::Packet {
+
+// The rows of the Register's text table.
+enum class RegisterText : U8 {
+  headerParse,
+  flagsLength,
+  invalidVersion,
+  innerFamily,
+  unknownVersion,
+  notMulticast,
+  notMulticast6,
+  nullChecksum,
+  nullLength,
+  nullLength6,
+  dataLength,
+  writeHeaderSpace,
+  writeFlagsSpace,
+  writeHeader,
+  nullWithData,
+  nullSpace,
+  writeFamily,
+  noRcvdPkt,
+  writeDataLength,
+  writeDataSpace,
+};
+template <>
+inline constexpr TextTable textTableOf<RegisterText> = TextTable::registerMessage;
+std::string_view textOf(RegisterText row);
+
+// The rows of the Register-Stop's text table.
+enum class RegisterStopText : U8 {
+  headerParse,
+  groupParse,
+  groupFamily,
+  groupPrefix,
+  sourceParse,
+  sourceFamily,
+  sourceInvalid,
+  endOfMessage,
+  writeHeaderSpace,
+  writeFamily,
+  groupWrite,
+  sourceWrite,
+  writeHeader,
+};
+template <>
+inline constexpr TextTable textTableOf<RegisterStopText> = TextTable::registerStop;
+std::string_view textOf(RegisterStopText row);
 
 // The Register's flags word: B (border) is bit 31, N (null) bit 30, bits 0 to 29 are reserved.
 class RegisterImplFlags {
@@ -81,9 +129,9 @@ class RegisterMessage : public Message {
   void notifieeDel(Notifiee* n) { notifiees_.del(n); }
 
  private:
-  U32 readInner(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset, U32 dataLength);
-  U32 writeNull(const Loom::Ptr<Knet::Pkt>& pkt, U32 at, S64 room);
-  U32 writeData(const Loom::Ptr<Knet::Pkt>& pkt, U32 at, S64 room);
+  U32 readInner(const Loom::Ptr<Knet::Pkt>& pkt, Knet::PktReader& r);
+  U32 writeNull(Knet::PktWriter& w);
+  U32 writeData(Knet::PktWriter& w);
 
   RegisterImplFlags implRegisterFlags_;
   U8 hopLimit_ = 0;

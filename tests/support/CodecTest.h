@@ -159,6 +159,80 @@ inline void checkWriteFailures(const std::vector<WriteFailure>& rows, Trace whic
   }
 }
 
+// The bytes with some of them changed: {index, new value} pairs.
+inline Bytes with(Bytes b, std::initializer_list<std::pair<size_t, U8>> changes) {
+  for (const auto& [at, v] : changes) b.at(at) = v;
+  return b;
+}
+
+// ---- Tables that check what an operation records ----
+// F is the codec's Failure: a value with ==, <<, text(), and a default that means no failure.
+
+// What a read or write returned and the failure it recorded.
+template <class F>
+struct Outcome {
+  U32 count = 0;
+  F failure{};
+};
+
+// One row of a table of failing operations: the failure that the operation records, and the
+// values that its trace line adds to the failure's text. The recorded failure is the first one
+// traced: the line that the command line gives as the reason.
+template <class F>
+struct FailureRow {
+  const char* name;
+  std::function<Outcome<F>()> run;
+  F failure;
+  std::string values;
+};
+
+template <class F>
+void checkFailures(const std::vector<FailureRow<F>>& rows) {
+  for (const FailureRow<F>& r : rows) {
+    Loom::TraceCapture cap(1);
+    const Outcome<F> o = r.run();
+    EXPECT_EQ(o.count, 0u) << r.name;
+    EXPECT_EQ(o.failure, r.failure) << r.name;
+    EXPECT_EQ(firstError(cap), std::string(r.failure.text()) + r.values) << r.name;
+  }
+}
+
+// One piece of a packet for checkCuts: a read of the packet cut inside it (after 1 to size-1 of
+// its bytes, or 0 bytes for a value) records `failure`; `atStart` overrides that when none of its
+// bytes is there, F() meaning that the read succeeds there (an option boundary).
+template <class F>
+struct Cut {
+  U32 size;
+  F failure;
+  std::optional<F> atStart = std::nullopt;
+};
+
+// Cuts the packet at every length from 0 to its size minus one, fixes the checksum of the cut and
+// reads it with `read` (pkt -> Outcome<F>, a fresh message each time): a failing read must record
+// the piece's failure and trace that failure's line first.
+template <class F, class Read>
+void checkCuts(const Bytes& full, const std::vector<Cut<F>>& pieces, const Knet::IpGenAddr& src,
+               const Knet::IpGenAddr& dst, const Read& read) {
+  U32 total = 0;
+  for (const Cut<F>& c : pieces) total += c.size;
+  ASSERT_EQ(total, full.size()) << "pieces do not add up to the packet";
+  U32 start = 0;
+  for (const Cut<F>& c : pieces) {
+    for (U32 inside = 0; inside < c.size; ++inside) {
+      const U32 length = start + inside;
+      Bytes cut(full.begin(), full.begin() + length);
+      if (cut.size() >= 4) fixChecksum(cut, src, dst);
+      Loom::TraceCapture cap(1);
+      const Outcome<F> o = read(pkt(cut));
+      const F expected = inside == 0 && c.atStart ? *c.atStart : c.failure;
+      EXPECT_EQ(o.failure, expected) << "cut at " << length;
+      EXPECT_EQ(o.count, expected ? 0u : length) << "cut at " << length;
+      EXPECT_TRUE(startsWith(firstError(cap), std::string(expected.text()))) << "cut at " << length;
+    }
+    start += c.size;
+  }
+}
+
 // The text a value renders as with operator<<.
 template <class T>
 std::string text(const T& v) {
