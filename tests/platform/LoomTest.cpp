@@ -254,8 +254,8 @@ TEST(SmallVector, BehavesAsAVectorAcrossTheInlineLimit) {
   };
   const Step steps[] = {
       {"push inline", [](auto& s, auto& r) { s.push_back(4), r.push_back(4); }},
-      {"erase inline", [](auto& s, auto& r) { s.erase(s.begin()), r.erase(r.begin()), s.push_back(4), r.push_back(4); }},
       {"insert in front, inline", insertAt(0, 1)},
+      {"erase inline", [](auto& s, auto& r) { s.erase(s.begin()), r.erase(r.begin()), s.insert(s.begin(), 1), r.insert(r.begin(), 1); }},
       {"insert past the inline room", insertAt(1, 2)},
       {"push own element", [](auto& s, auto& r) { s.push_back(s[0]), r.push_back(r[0]); }},
       {"insert own element", [](auto& s, auto& r) {
