@@ -19,11 +19,6 @@ namespace TsharkTest {
 using Knet::AddressFamily;
 using Knet::IpGenAddr;
 
-void putU16(std::vector<U8>& b, U16 v) {
-  b.push_back(static_cast<U8>(v >> 8));
-  b.push_back(static_cast<U8>(v));
-}
-
 std::vector<U8> frame(AddressFamily af, const IpGenAddr& src, const std::vector<U8>& pim, const IpGenAddr& dst) {
   const IpGenAddr to = dst.isSet() ? dst : Knet::allPimRouters(af);
   const bool v4 = af == AddressFamily::ipv4;
@@ -54,12 +49,6 @@ const Json& child(const Json& j, const std::string& key) {
   if (!j.is_object()) return missing;
   auto it = j.find(key);
   return it == j.end() ? missing : *it;
-}
-
-std::string text(const Json& j, const std::string& key) {
-  const Json& v = child(j, key);
-  if (v.is_null()) return "<no " + key + ">";
-  return v.is_string() ? v.get<std::string>() : v.dump();
 }
 
 std::vector<Json> occurrences(const Json& j) {

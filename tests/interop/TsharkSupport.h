@@ -13,8 +13,6 @@ namespace TsharkTest {
 
 using Json = nlohmann::ordered_json;  // keeps tshark's order of fields
 
-void putU16(std::vector<U8>& b, U16 v);
-
 // The frame of one message: Ethernet, then the IP header that the transmit path adds (TTL or hop
 // limit 1, TOS or traffic class 192) to `dst`, ALL-PIM-ROUTERS when it is unset.
 std::vector<U8> frame(Knet::AddressFamily af, const Knet::IpGenAddr& src, const std::vector<U8>& pim,
@@ -22,8 +20,6 @@ std::vector<U8> frame(Knet::AddressFamily af, const Knet::IpGenAddr& src, const 
 
 // The member of an object, or null.
 const Json& child(const Json& j, const std::string& key);
-// A field's text, or a marker that names the missing field so that a comparison shows it.
-std::string text(const Json& j, const std::string& key);
 // With --no-duplicate-keys a field that occurs once is a value and one that repeats an array.
 std::vector<Json> occurrences(const Json& j);
 

@@ -53,8 +53,6 @@ TEST(IpGenAddr, ValueSemantics) {
   EXPECT_EQ(IpGenAddr().str(), "unset");
   std::unordered_set<IpGenAddr> set{a, a, IpGenAddr::ipv4(0x0a000002)};
   EXPECT_EQ(set.size(), 2u);
-  EXPECT_EQ(allPimRouters(AddressFamily::ipv4).str(), "224.0.0.13");
-  EXPECT_EQ(allPimRouters(AddressFamily::ipv6).str(), "ff02::d");
 }
 
 TEST(IpGenPrefix, LengthsBeyondTheWidthAreRefused) {
@@ -93,26 +91,6 @@ TEST(IntfId, EmptyIdStandsForNoInterface) {
   std::ostringstream os;
   os << IntfId() << " " << IntfId("veth1");
   EXPECT_EQ(os.str(), "<none> veth1");
-}
-
-TEST(PimMessageType, ConstantsAndNames) {
-  struct Case {
-    PimMessageType type;
-    U8 value;
-    const char* name;
-  };
-  const Case cases[] = {{pimHello(), 0x20, "hello"},         {pimRegister(), 0x21, "register"},
-                        {pimRegisterStop(), 0x22, "registerStop"}, {pimJoinPrune(), 0x23, "joinPrune"},
-                        {pimBootstrap(), 0x24, "bootstrap"},  {pimAssert(), 0x25, "assert"},
-                        {pimCandidateRpAdvertisement(), 0x28, "candidateRpAdv"},
-                        {pimDfElection(), 0x2a, "dfElection"}, {PimMessageType(0x2c), 0x2c, "type12"}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.type.value(), c.value);
-    EXPECT_EQ(c.type.version(), 2);
-    EXPECT_STREQ(c.type.name(), c.name);
-    EXPECT_EQ(pimMessageTypeFromName(c.name), c.type);
-  }
-  EXPECT_FALSE(pimMessageTypeFromName("unknown"));
 }
 
 }  // namespace

@@ -52,19 +52,5 @@ TEST(Checksum, StoredChecksumVerifiesToZero) {
   EXPECT_EQ(hdr.computedChecksumU16(60000), 0);
 }
 
-TEST(Checksum, PseudoHeaderLayout) {
-  PimPseudoHdrIpv6 ph{*IpGenAddr::parse("fe80::1"), *IpGenAddr::parse("ff02::d"), 0x01020304, 103};
-  U8 out[PimPseudoHdrIpv6::size];
-  ph.serialize(out);
-  EXPECT_EQ(out[0], 0xfe);
-  EXPECT_EQ(out[15], 0x01);
-  EXPECT_EQ(out[16], 0xff);
-  EXPECT_EQ(out[31], 0x0d);
-  EXPECT_EQ(out[32], 0x01);
-  EXPECT_EQ(out[35], 0x04);
-  EXPECT_EQ(out[36] | out[37] | out[38], 0);
-  EXPECT_EQ(out[39], 103);
-}
-
 }  // namespace
 }  // namespace Knet

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "knet/Cursor.h"
-#include "knet/IpHdr.h"
 
 namespace Knet {
 namespace {
@@ -122,39 +121,6 @@ TEST(Cursor, WritesBigEndianAndRefusesToOverrun) {
   EXPECT_TRUE(w.patchU16Be(1, 0xcafe));
   EXPECT_FALSE(w.patchU16Be(6, 0));
   EXPECT_EQ(b, (std::vector<U8>{0, 0xca, 0xfe, 0xbe, 0xef, 0x01, 0x02}));
-}
-
-TEST(IpHdr, WriteThenReadBack) {
-  std::vector<U8> b(IpHdr::minSize);
-  const auto src = *IpGenAddr::parse("10.0.0.1");
-  const auto dst = *IpGenAddr::parse("224.0.0.13");
-  IpHdr::write(b.data(), 192, 30, 1, 103, src, dst);
-  IpHdr h(b.data(), static_cast<U32>(b.size()));
-  EXPECT_TRUE(h.valid());
-  EXPECT_EQ(h.tos(), 192);
-  EXPECT_EQ(h.totalLength(), 30);
-  EXPECT_EQ(h.ttl(), 1);
-  EXPECT_EQ(h.protocol(), 103);
-  EXPECT_EQ(h.src(), src);
-  EXPECT_EQ(h.dst(), dst);
-  EXPECT_EQ(h.computedChecksum(), 0);
-  EXPECT_FALSE(IpHdr(b.data(), 19).valid());
-  b[0] = 0x44;  // header length 16
-  EXPECT_FALSE(IpHdr(b.data(), 20).valid());
-
-  std::vector<U8> c(Ip6Hdr::size);
-  const auto src6 = *IpGenAddr::parse("fe80::1");
-  const auto dst6 = *IpGenAddr::parse("ff02::d");
-  Ip6Hdr::write(c.data(), 192, 30, 103, 1, src6, dst6);
-  Ip6Hdr h6(c.data(), static_cast<U32>(c.size()));
-  EXPECT_TRUE(h6.valid());
-  EXPECT_EQ(h6.trafficClass(), 192);
-  EXPECT_EQ(h6.flowLabel(), 0u);
-  EXPECT_EQ(h6.payloadLength(), 30);
-  EXPECT_EQ(h6.nextHeader(), 103);
-  EXPECT_EQ(h6.hopLimit(), 1);
-  EXPECT_EQ(h6.src(), src6);
-  EXPECT_EQ(h6.dst(), dst6);
 }
 
 }  // namespace

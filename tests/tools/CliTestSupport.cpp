@@ -3,6 +3,7 @@
 #include <pcap/pcap.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -21,15 +22,15 @@ std::vector<std::string> lines(const std::string& text) {
   return out;
 }
 
-void appendU16(Bytes& b, U16 v) {
-  b.push_back(static_cast<U8>(v >> 8));
-  b.push_back(static_cast<U8>(v));
-}
-
 void storeU16(Bytes& b, size_t at, U16 v) {
   b[at] = static_cast<U8>(v >> 8);
   b[at + 1] = static_cast<U8>(v);
 }
+
+Bytes u16(U16 v) { return {static_cast<U8>(v >> 8), static_cast<U8>(v)}; }
+
+const Bytes src6{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x09};
+const Bytes dst6{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x0d};
 
 }  // namespace
 
@@ -44,20 +45,13 @@ std::string quoted(const std::string& s) {
 
 RunResult sh(const std::string& dir, const std::string& command) {
   std::string expanded = command;
-  for (size_t at = expanded.find("PIMIO"); at != std::string::npos; at = expanded.find("PIMIO", at)) {
-    const std::string binary = quoted(PIMIO_BINARY);
+  const std::string binary = quoted(PIMIO_BINARY);
+  for (size_t at = expanded.find("PIMIO"); at != std::string::npos; at = expanded.find("PIMIO", at + binary.size())) {
     expanded.replace(at, 5, binary);
-    at += binary.size();
   }
-  const std::string out = dir + "/run.out";
-  const std::string err = dir + "/run.err";
-  const std::string full = "( " + expanded + " ) >" + quoted(out) + " 2>" + quoted(err);
-  const int raw = std::system(full.c_str());
-  RunResult r;
-  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-  r.out = readFile(out);
-  r.err = readFile(err);
-  return r;
+  const std::string out = dir + "/run.out", err = dir + "/run.err";
+  const int raw = std::system(("( " + expanded + " ) >" + quoted(out) + " 2>" + quoted(err)).c_str());
+  return {WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), readFile(out), readFile(err)};
 }
 
 bool underCi() {
@@ -104,117 +98,67 @@ std::string readFile(const std::string& path) {
   return s.str();
 }
 
-void writeFile(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary);
-  out << text;
-}
-
-Bytes ethernetOfType(U16 etherType, const Bytes& payload) {
-  Bytes f{0x01, 0x00, 0x5e, 0x00, 0x00, 0x0d, 0x02, 0x00, 0x00, 0x00, 0x00, 0x09};
-  appendU16(f, etherType);
-  f.insert(f.end(), payload.begin(), payload.end());
-  return f;
-}
+void writeFile(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 U16 etherTypeOf(const Bytes& ip) { return (ip[0] >> 4) == 6 ? 0x86dd : 0x0800; }
 
-Bytes ethernet(const Bytes& ip, const std::vector<U16>& vlanTpids) {
-  Bytes f = ethernetOfType(etherTypeOf(ip), ip);
-  size_t at = 12;
-  for (U16 tpid : vlanTpids) {
-    Bytes tag;
-    appendU16(tag, tpid);
-    appendU16(tag, 100);  // VLAN 100, priority 0
-    f.insert(f.begin() + static_cast<long>(at), tag.begin(), tag.end());
-    at += 4;
-  }
-  return f;
-}
-
-// Packet type 2 (multicast), ARPHRD_ETHER, a 6-byte address padded to 8, the protocol.
-Bytes linuxSll(const Bytes& ip) {
-  Bytes f{0x00, 0x02, 0x00, 0x01, 0x00, 0x06, 0x02, 0x00, 0x00, 0x00, 0x00, 0x09, 0x00, 0x00};
-  appendU16(f, etherTypeOf(ip));
-  f.insert(f.end(), ip.begin(), ip.end());
-  return f;
-}
-
-// The protocol, 2 reserved bytes, interface index 3, ARPHRD_ETHER, packet type 2, the address.
-Bytes linuxSll2(const Bytes& ip) {
-  Bytes f;
-  appendU16(f, etherTypeOf(ip));
-  f.insert(f.end(), {0x00, 0x00, 0x00, 0x00, 0x00, 0x03, 0x00, 0x01, 0x02, 0x06,
-                     0x02, 0x00, 0x00, 0x00, 0x00, 0x09, 0x00, 0x00});
-  f.insert(f.end(), ip.begin(), ip.end());
-  return f;
+Bytes ethernet(const Bytes& ip, const std::vector<U16>& vlanTpids, U16 etherType) {
+  Bytes f{0x01, 0x00, 0x5e, 0x00, 0x00, 0x0d, 0x02, 0x00, 0x00, 0x00, 0x00, 0x09};
+  for (U16 tpid : vlanTpids) f = concat(concat(f, u16(tpid)), u16(100));  // VLAN 100, priority 0
+  return concat(concat(f, u16(etherType ? etherType : etherTypeOf(ip))), ip);
 }
 
 Bytes ipOfEthernet(const Bytes& frame) { return Bytes(frame.begin() + 14, frame.end()); }
 
-Bytes pimMessage(U8 type, const Bytes& body) {
-  Bytes m{type, 0x00, 0x00, 0x00};
-  m.insert(m.end(), body.begin(), body.end());
-  storeU16(m, 2, Knet::internetChecksum(m.data(), m.size()));
-  return m;
-}
-
-Bytes ipv6Pim(U8 type, const Bytes& body) {
-  const Bytes src{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x09};
-  const Bytes dst{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x0d};
-  Bytes m{type, 0x00, 0x00, 0x00};
-  m.insert(m.end(), body.begin(), body.end());
-  // The pseudo-header: source, destination, upper-layer length (32 bits), three zeros, 103.
-  Bytes summed = src;
-  summed.insert(summed.end(), dst.begin(), dst.end());
-  appendU16(summed, 0);
-  appendU16(summed, static_cast<U16>(m.size()));
-  summed.insert(summed.end(), {0, 0, 0, 103});
-  summed.insert(summed.end(), m.begin(), m.end());
-  storeU16(m, 2, Knet::internetChecksum(summed.data(), summed.size()));
-  Bytes ip{0x6c, 0x00, 0x00, 0x00};
-  appendU16(ip, static_cast<U16>(m.size()));
-  ip.insert(ip.end(), {103, 1});
-  ip.insert(ip.end(), src.begin(), src.end());
-  ip.insert(ip.end(), dst.begin(), dst.end());
-  ip.insert(ip.end(), m.begin(), m.end());
-  return ip;
-}
-
 void ipv4ChecksumIs(Bytes& ip) {
-  const size_t headerLength = (ip[0] & 0x0f) * 4u;
   storeU16(ip, 10, 0);
-  storeU16(ip, 10, Knet::internetChecksum(ip.data(), headerLength));
+  storeU16(ip, 10, Knet::internetChecksum(ip.data(), (ip[0] & 0x0f) * 4u));
 }
 
 Bytes ipv4(const Bytes& payload, U8 protocol, U16 fragmentField, const Bytes& options) {
   const size_t headerLength = 20 + options.size();
-  Bytes ip{static_cast<U8>(0x40 | headerLength / 4), 0xc0};
-  appendU16(ip, static_cast<U16>(headerLength + payload.size()));
-  appendU16(ip, 0);
-  appendU16(ip, fragmentField);
-  ip.insert(ip.end(), {0x01, protocol, 0x00, 0x00, 192, 0, 2, 9, 224, 0, 0, 13});
-  ip.insert(ip.end(), options.begin(), options.end());
+  Bytes ip = concat({static_cast<U8>(0x40 | headerLength / 4), 0xc0}, u16(static_cast<U16>(headerLength + payload.size())));
+  ip = concat(concat(concat(ip, {0, 0}), u16(fragmentField)), {0x01, protocol, 0x00, 0x00, 192, 0, 2, 9, 224, 0, 0, 13});
+  ip = concat(ip, options);
   ipv4ChecksumIs(ip);
-  ip.insert(ip.end(), payload.begin(), payload.end());
-  return ip;
+  return concat(ip, payload);
 }
+
+Bytes pimIp(bool v6, Bytes pim) {
+  if (pim.size() >= 4) {
+    const size_t covered = pim[0] == 0x21 ? std::min<size_t>(8, pim.size()) : pim.size();
+    // IPv6: the pseudo-header of source, destination, upper-layer length, three zeros, 103.
+    const Bytes pseudo = concat(concat(concat(src6, dst6), {0, 0}), concat(u16(U16(covered)), {0, 0, 0, 103}));
+    storeU16(pim, 2, 0);
+    storeU16(pim, 2, Knet::internetChecksum(pim.data(), covered, v6 ? Knet::onesComplementSum(pseudo.data(), 40) : 0));
+  }
+  if (!v6) return ipv4(pim);
+  const Bytes header = concat(concat({0x6c, 0x00, 0x00, 0x00}, u16(U16(pim.size()))), {103, 1});
+  return concat(concat(concat(header, src6), dst6), pim);
+}
+
+Bytes pim4(U8 type, const Bytes& body) { return pimIp(false, concat({type, 0, 0, 0}, body)); }
+Bytes pim6(U8 type, const Bytes& body) { return pimIp(true, concat({type, 0, 0, 0}, body)); }
 
 Bytes withExtensions(const Bytes& ip, const std::vector<Ipv6Extension>& extensions) {
   Bytes out(ip.begin(), ip.begin() + 40);
-  const U8 payloadType = ip[6];
   size_t added = 0;
   for (size_t i = 0; i < extensions.size(); ++i) {
     Bytes h = extensions[i].bytes;
-    h[0] = i + 1 < extensions.size() ? extensions[i + 1].type : payloadType;
-    out.insert(out.end(), h.begin(), h.end());
+    h[0] = i + 1 < extensions.size() ? extensions[i + 1].type : ip[6];
+    out = concat(out, h);
     added += h.size();
   }
   if (!extensions.empty()) out[6] = extensions.front().type;
   storeU16(out, 4, static_cast<U16>(readU16Be(ip, 4) + added));
-  out.insert(out.end(), ip.begin() + 40, ip.end());
-  return out;
+  return concat(out, Bytes(ip.begin() + 40, ip.end()));
 }
 
 U16 readU16Be(const Bytes& b, size_t at) { return static_cast<U16>(b[at] << 8 | b[at + 1]); }
+
+Bytes concat(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
 
 }  // namespace PimioTest
