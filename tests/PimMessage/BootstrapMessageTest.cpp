@@ -76,7 +76,7 @@ std::vector<std::string> rangesOf(const BootstrapMessage& m) {
        << unsigned(g->fragRpCount()) << " [";
     const char* sep = "";
     for (const auto& rp : g->rpList()) {
-      os << sep << rp->address() << " " << rp->holdtime() << " " << unsigned(rp->priority());
+      os << sep << rp.address() << " " << rp.holdtime() << " " << unsigned(rp.priority());
       sep = ", ";
     }
     os << "]";
@@ -106,7 +106,6 @@ TEST(Bootstrap, GoldenPacketsReadAndWriteBack) {
     EXPECT_EQ(rangesOf(*m), c.ranges);
     EXPECT_EQ(bool(m->groupRpData()), !c.ranges.empty());
     EXPECT_EQ(m->noForward(), c.bytes[1] == 0x80);
-    EXPECT_TRUE(m->prefixList().empty()) << "the read left its ranges behind";
     EXPECT_EQ(m->fragmentTag(), U16(c.bytes[4] << 8 | c.bytes[5]));
     EXPECT_EQ(m->hashMaskLen(), c.bytes[6]);
     EXPECT_EQ(m->bsrPriority(), c.bytes[7]);
@@ -116,7 +115,6 @@ TEST(Bootstrap, GoldenPacketsReadAndWriteBack) {
     Loom::Ptr<Knet::Pkt> out = pkt(Bytes(offset + c.bytes.size(), 0xee));
     ASSERT_EQ(m->writeBootstrapMessage(out, offset), c.bytes.size()) << firstError(cap);
     EXPECT_EQ(Bytes(out->data() + offset, out->data() + out->size()), c.bytes);
-    EXPECT_TRUE(m->prefixList().empty());
   }
 }
 
@@ -189,7 +187,6 @@ TEST(Bootstrap, ReadRejectTable) {
     ASSERT_FALSE(e.empty());
     EXPECT_EQ(e.back(), c.error);
     EXPECT_FALSE(m->groupRpData());
-    EXPECT_TRUE(m->prefixList().empty());
   }
 }
 
@@ -290,7 +287,6 @@ TEST(Bootstrap, WriteFailures) {
     const std::vector<std::string> e = errors(cap);
     ASSERT_FALSE(e.empty());
     EXPECT_EQ(e.back(), c.error);
-    EXPECT_TRUE(c.m->prefixList().empty());
   }
   // The same range twice (the queue takes it, the encoder does not).
   auto m = built({{"239.0.0.0/8", 0, 0, 0, {}}, {"239.0.0.0/8", 0, 0, 0, {}}});
@@ -417,7 +413,7 @@ TEST(BootstrapRpFragments, FragmentsByKeyAndTheirRps) {
   f.rpListIs(ip("10.0.0.2"));
   f.rpListIs(ip("10.0.0.3"));
   ASSERT_EQ(f.rpList().size(), 2u);
-  EXPECT_EQ((*f.rpList().begin())->priority(), 5) << "the RPs keep the order they came in, and their fields";
+  EXPECT_EQ(f.rpList().begin()->priority(), 5) << "the RPs keep the order they came in, and their fields";
   all.fragmentsDel(k);
   EXPECT_EQ(all.fragments(k), nullptr);
 }
