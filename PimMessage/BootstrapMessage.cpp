@@ -1,128 +1,119 @@
 #include "PimMessage/BootstrapMessage.h"
 
 #include <algorithm>
+#include <array>
 #include <new>
 
 #include "PimMessage/EncodedAddress.h"
-#include "knet/Cursor.h"
 #include "loom/Exception.h"
+#include "loom/FlatMap.h"
+#include "loom/SmallVector.h"
 
 namespace Routing::Pim::Packet {
 namespace {
 
-// ---- Decoder texts ----
-constexpr const char* kHeaderParse = "Invalid Pim Bootstrap - Header - Parse Error";
-constexpr const char* kParse = "Invalid Pim Bootstrap - Parse Error";
-constexpr const char* kBsrParse = "Invalid Pim Bootstrap - BSR Address - Parse Error";
-constexpr const char* kBsrFamily = "Invalid Pim Bootstrap - BSR Address - Invalid Family - Family: ";
-constexpr const char* kBsrInvalid = "Invalid Pim Bootstrap - BSR Address - Invalid Address - ";
-constexpr const char* kMallocFailure = "BootstrapOptionsData - Malloc Failure";
-constexpr const char* kGroupParse = "Invalid Pim Bootstrap - Group Address - Parse Error";
-constexpr const char* kGroupFamily = "Invalid Pim Bootstrap - Group Address - Invalid Family - Family: ";
-constexpr const char* kGroupInvalid = "Invalid Pim Bootstrap - Group Address - Invalid Prefix: ";
-constexpr const char* kGroupDuplicate = "Invalid Pim Bootstrap - Group Address - Duplicate group - Group Address: ";
-constexpr const char* kZoneNotFirst = "Invalid Pim Bootstrap - Zone bit set on group other than first Group Address: ";
-constexpr const char* kRpCounts = "Invalid Pim Bootstrap data - RP count ";
-constexpr const char* kLessThanFrag = " is less than fragRp count ";
-constexpr const char* kRpParse = "Invalid Pim Bootstrap - RP Address - Parse Error";
-constexpr const char* kRpInvalid = "Invalid Pim Bootstrap - RP Address - Invalid Address - ";
-constexpr const char* kRpDuplicate = "Invalid Pim Bootstrap - RP Address - Duplicate - RP Address: ";
-constexpr const char* kRpMissing = "Invalid Pim Bootstrap - Parse Error - RP count remaining ";
-constexpr const char* kEndOfMessage = "Invalid Pim Bootstrap - End of Message - Remaining: ";
+using T = BootstrapText;
 
-// ---- Encoder texts ----
-constexpr const char* kHeaderSpace = "Invalid Pim Bootstrap - Header - Unavailable Space - Remaining: ";
-constexpr const char* kFixedSpace = "Invalid Pim Bootstrap - Fixed Fields - Unavailable Space - Remaining: ";
-constexpr const char* kWriteFamily = "Invalid Pim Bootstrap - Invalid Family - Family: ";
-constexpr const char* kBsrWrite = "Invalid Pim Bootstrap - BSR Address - Write Error";
-constexpr const char* kWriteDuplicate = "Invalid Pim Bootstrap - Duplicate Group present Group Address: ";
-constexpr const char* kGroupWrite = "Invalid Pim Bootstrap - Group Address - Write Error";
-constexpr const char* kPassedCounts = "Invalid Pim Bootstrap data passed - RP count ";
-constexpr const char* kPassedMismatch = "Invalid Pim Bootstrap data passed - RP count in BSM";
+constexpr std::array<TextRow<BootstrapText>, 29> texts{{
+    // ---- Decoder ----
+    {T::headerParse, "Invalid Pim Bootstrap - Header - Parse Error"},
+    {T::parse, "Invalid Pim Bootstrap - Parse Error"},
+    {T::bsrParse, "Invalid Pim Bootstrap - BSR Address - Parse Error"},
+    {T::bsrFamily, "Invalid Pim Bootstrap - BSR Address - Invalid Family - Family: "},
+    {T::bsrInvalid, "Invalid Pim Bootstrap - BSR Address - Invalid Address - "},
+    {T::mallocFailure, "BootstrapOptionsData - Malloc Failure"},
+    {T::groupParse, "Invalid Pim Bootstrap - Group Address - Parse Error"},
+    {T::groupFamily, "Invalid Pim Bootstrap - Group Address - Invalid Family - Family: "},
+    {T::groupInvalid, "Invalid Pim Bootstrap - Group Address - Invalid Prefix: "},
+    {T::groupDuplicate, "Invalid Pim Bootstrap - Group Address - Duplicate group - Group Address: "},
+    {T::zoneNotFirst, "Invalid Pim Bootstrap - Zone bit set on group other than first Group Address: "},
+    {T::rpCounts, "Invalid Pim Bootstrap data - RP count "},
+    {T::rpParse, "Invalid Pim Bootstrap - RP Address - Parse Error"},
+    {T::rpInvalid, "Invalid Pim Bootstrap - RP Address - Invalid Address - "},
+    {T::rpDuplicate, "Invalid Pim Bootstrap - RP Address - Duplicate - RP Address: "},
+    {T::rpMissing, "Invalid Pim Bootstrap - Parse Error - RP count remaining "},
+    {T::endOfMessage, "Invalid Pim Bootstrap - End of Message - Remaining: "},
+    // ---- Encoder ----
+    {T::headerSpace, "Invalid Pim Bootstrap - Header - Unavailable Space - Remaining: "},
+    {T::fixedSpace, "Invalid Pim Bootstrap - Fixed Fields - Unavailable Space - Remaining: "},
+    {T::writeFamily, "Invalid Pim Bootstrap - Invalid Family - Family: "},
+    {T::bsrWrite, "Invalid Pim Bootstrap - BSR Address - Write Error"},
+    {T::writeDuplicate, "Invalid Pim Bootstrap - Duplicate Group present Group Address: "},
+    {T::groupWrite, "Invalid Pim Bootstrap - Group Address - Write Error"},
+    {T::passedCounts, "Invalid Pim Bootstrap data passed - RP count "},
+    {T::passedMismatch, "Invalid Pim Bootstrap data passed - RP count in BSM"},
+    {T::countsSpace, "Invalid Pim Bootstrap - RP Counts - Unavailable Space - Remaining: "},
+    {T::rpWrite, "Invalid Pim Bootstrap - RP Address - Write Error"},
+    {T::rpTailSpace, "Invalid Pim Bootstrap - RP Holdtime - Unavailable Space - Remaining: "},
+    {T::headerWrite, "Invalid Pim Bootstrap - Header - Write Error"},
+}};
+static_assert(rowsInOrder(texts));
+
+// The middles of the count texts.
+constexpr const char* kLessThanFrag = " is less than fragRp count ";
 constexpr const char* kRecordsCount = " does not match RP records count ";
-constexpr const char* kCountsSpace = "Invalid Pim Bootstrap - RP Counts - Unavailable Space - Remaining: ";
-constexpr const char* kRpWrite = "Invalid Pim Bootstrap - RP Address - Write Error";
-constexpr const char* kRpTailSpace = "Invalid Pim Bootstrap - RP Holdtime - Unavailable Space - Remaining: ";
-constexpr const char* kHeaderWrite = "Invalid Pim Bootstrap - Header - Write Error";
 
 // A U8 written as one raw character, as the count texts show them.
 char raw(U8 v) { return static_cast<char>(v); }
 
+// The ranges of one message seen so far, for the duplicate check: a message rarely carries more
+// than a few dozen, which then cost no allocation.
+using PrefixSet = Loom::FlatSet<Knet::IpGenPrefix, 32>;
+
+// The ranges read so far, in prefix order, as the records that the message's queue holds.
+class RangeIndex {
+ public:
+  // Adds the range unless one of its prefix is there already.
+  bool insert(const BootstrapGroupData* group) {
+    const Knet::IpGenPrefix& prefix = group->prefix();
+    const BootstrapGroupData* const* at = ranges_.end();
+    // Ranges mostly come in order: a range beyond the last is added without a search.
+    if (!ranges_.empty() && !(ranges_.back()->prefix() < prefix)) {
+      at = std::lower_bound(ranges_.begin(), ranges_.end(), prefix,
+                            [](const BootstrapGroupData* g, const Knet::IpGenPrefix& p) { return g->prefix() < p; });
+      if ((*at)->prefix() == prefix) return false;
+    }
+    ranges_.insert(at, group);
+    return true;
+  }
+
+ private:
+  Loom::SmallVector<const BootstrapGroupData*, 32> ranges_;
+};
+
+// The decoder's fast paths: an encoded unicast address or group range of the message's family
+// in the native encoding, which the checks behind a full read would accept (a unicast address;
+// a multicast range of a valid mask length). They read it and return its size, or return 0 and
+// read nothing for anything else, which the full read then takes with its checks and texts.
+[[gnu::always_inline]] inline U32 readPlainUnicast(Knet::PktReader& r, Knet::AddressFamily af, Knet::IpGenAddr& out) {
+  const U32 width = af == Knet::AddressFamily::ipv4 ? 4 : 16;
+  if (!r.fits(2 + width)) return 0;
+  const U8* p = r.data() + r.offset();
+  if (p[0] != static_cast<U8>(af) || p[1] != defaultEncoding) return 0;
+  const Knet::IpGenAddr a = Knet::IpGenAddr::fromBytes(af, p + 2);
+  if (a.isMulticast()) return 0;
+  out = a;
+  return r.skip(2 + width) ? 2 + width : 0;
+}
+
+[[gnu::always_inline]] inline U32 readPlainGroup(Knet::PktReader& r, Knet::AddressFamily af, Knet::IpGenAddr& address, U8& length, U8& flags) {
+  const U32 width = af == Knet::AddressFamily::ipv4 ? 4 : 16;
+  if (!r.fits(4 + width)) return 0;
+  const U8* p = r.data() + r.offset();
+  if (p[0] != static_cast<U8>(af) || p[1] != defaultEncoding || p[3] > Knet::IpGenPrefix::maxLength(af)) return 0;
+  const Knet::IpGenAddr a = Knet::IpGenAddr::fromBytes(af, p + 4);
+  if (!a.isMulticast()) return 0;
+  address = a;
+  length = p[3];
+  flags = p[2];
+  return r.skip(4 + width) ? 4 + width : 0;
+}
+
 }  // namespace
 
-// ======================================================================== records
+std::string_view textOf(BootstrapText row) { return texts[static_cast<size_t>(row)].text; }
 
-Loom::Ptr<BootstrapRpData> bootstrapRpDataFactory(const Knet::IpGenAddr& address) { return new BootstrapRpData(address); }
-
-BootstrapRpData* BootstrapRpList::find(const Knet::IpGenAddr& address) const {
-  for (const auto& rp : rps_) {
-    if (rp->address() == address) return rp.ptr();
-  }
-  return nullptr;
-}
-
-BootstrapRpData& BootstrapRpList::findOrAdd(const Knet::IpGenAddr& address) {
-  if (BootstrapRpData* rp = find(address)) return *rp;
-  return *rps_.emplace_back(new BootstrapRpData(address));
-}
-
-bool BootstrapRpList::erase(const Knet::IpGenAddr& address) {
-  return std::erase_if(rps_, [&](const Loom::Ptr<BootstrapRpData>& rp) { return rp->address() == address; }) != 0;
-}
-
-Loom::Ptr<BootstrapGroupData> bootstrapGroupDataFactory(const Knet::IpGenPrefix& prefix) {
-  return new BootstrapGroupData(prefix);
-}
-
-Loom::Ptr<BootstrapOptionalData> BootstrapOptionalData::BootstrapOptionalDataIs() { return new BootstrapOptionalData; }
-
-Loom::Ptr<BootstrapOptionalData> bootstrapOptionalDataFactory() { return BootstrapOptionalData::BootstrapOptionalDataIs(); }
-
-BootstrapGroupData* BootstrapOptionalData::groupData(U32 index) const {
-  auto it = groupData_.find(index);
-  return it == groupData_.end() ? nullptr : it->second.ptr();
-}
-
-U32 BootstrapOptionalData::groupDataEnq(const Loom::Ptr<BootstrapGroupData>& group) {
-  const U32 index = metadata_.tail;
-  groupData_[index] = group;
-  metadataUpdate();
-  return index;
-}
-
-Loom::Ptr<BootstrapGroupData> BootstrapOptionalData::groupDataDeq() {
-  if (groupData_.empty()) return nullptr;
-  Loom::Ptr<BootstrapGroupData> head = groupData_.begin()->second;
-  groupData_.erase(groupData_.begin()->first);
-  metadataUpdate();
-  return head;
-}
-
-void BootstrapOptionalData::groupDataIs(U32 index, const Loom::Ptr<BootstrapGroupData>& group) {
-  groupData_[index] = group;
-  metadataUpdate();
-}
-
-void BootstrapOptionalData::groupDataDel(U32 index) {
-  groupData_.erase(index);
-  metadataUpdate();
-}
-
-void BootstrapOptionalData::groupDataDelAll() {
-  groupData_.clear();
-  metadataUpdate();
-}
-
-// The tail only grows, so that a position is never given twice while the queue lives.
-void BootstrapOptionalData::metadataUpdate() {
-  metadata_.count = static_cast<U32>(groupData_.size());
-  if (groupData_.empty()) {
-    metadata_.head = metadata_.tail;
-    return;
-  }
-  metadata_.head = groupData_.begin()->first;
-  metadata_.tail = std::max(metadata_.tail, std::prev(groupData_.end())->first + 1);
-}
+// ======================================================================== fragments
 
 BootstrapRpFragment* BootstrapRpFragments::fragments(const BootstrapRpFragmentKey& key) const {
   auto it = fragments_.find(key);
@@ -148,266 +139,188 @@ void BootstrapMessage::hashMaskLenIs(U8 v) {
 
 U32 BootstrapMessage::readBootstrapMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
   groupRpData_ = nullptr;
-  if (readHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kHeaderParse);
-    return 0;
-  }
-  S64 remaining = S64(pkt->size()) - S64(offset) - 4;
-  if (remaining <= 3) {
-    PIM_TRACE(traceError, kParse);
-    return 0;
-  }
+  if (readHeader(pkt, offset) == 0) return PIM_FAIL(T::headerParse);
   Knet::PktReader r(pkt, offset + 4);
+  if (!r.fits(4)) return PIM_FAIL(T::parse);
   fragmentTagIs(r.readU16Be());
   hashMaskLenIs(r.readU8());
   bsrPriorityIs(r.readU8());
 
-  EncodedUnicastAddress bsr;
-  const U32 bsrLen = bsr.readUnicastAddress(pkt, offset + 8);
-  if (bsrLen == 0) {
-    PIM_TRACE(traceError, kBsrParse);
-    return 0;
-  }
   const Knet::AddressFamily family = af();
-  if (bsr.address().af() != family) {
-    PIM_TRACE(traceError, kBsrFamily << family << "BSR Address: " << bsr.address());
-    return 0;
+  Knet::IpGenAddr bsrAddress;
+  if (readPlainUnicast(r, family, bsrAddress) == 0) {
+    EncodedUnicastAddress bsr;
+    if (bsr.read(r) == 0) {
+      failureIs(bsr.failure());
+      return PIM_FAIL(T::bsrParse);
+    }
+    if (bsr.address().af() != family) return PIM_FAIL(T::bsrFamily, family, "BSR Address: ", bsr.address());
+    if (!bsr.valid()) {
+      failureIs(bsr.failure());
+      return PIM_FAIL(T::bsrInvalid, bsr.address());
+    }
+    bsrAddress = bsr.address();
   }
-  if (!bsr.valid()) {
-    PIM_TRACE(traceError, kBsrInvalid << bsr.address());
-    return 0;
-  }
-  bsrAddressIs(bsr.address());
+  bsrAddressIs(bsrAddress);
 
   Loom::Ptr<BootstrapOptionalData> data;
   try {
     data = bootstrapOptionalDataFactory();
   } catch (const std::bad_alloc&) {
-    PIM_TRACE(traceError, kMallocFailure);
-    return 0;
+    return PIM_FAIL(T::mallocFailure);
   }
-  remaining -= 4 + bsrLen;
-  const U32 end = readGroups(pkt, offset + 8 + bsrLen, remaining, *data);
-  prefixList_.clear();
-  if (end == 0) {
-    data->groupDataDelAll();
-    return 0;
-  }
-  if (remaining != 0) {
-    PIM_TRACE(traceError, kEndOfMessage << remaining);
-    return 0;
-  }
+  if (!readGroups(r, *data)) return 0;
+  if (!r.atEnd()) return PIM_FAIL(T::endOfMessage, r.remaining());
   if (!data->groupData().empty()) groupRpDataIs(data);
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
-  return end - offset;
+  return r.offset() - offset;
 }
 
-// The group ranges from pos on: the position behind the last one read, or 0 after a failure.
-U32 BootstrapMessage::readGroups(const Loom::Ptr<Knet::Pkt>& pkt, U32 pos, S64& remaining,
-                                 BootstrapOptionalData& data) {
+// The group ranges up to the end of the message; false after a failure.
+bool BootstrapMessage::readGroups(Knet::PktReader& r, BootstrapOptionalData& data) {
   const Knet::AddressFamily family = af();
-  EncodedGroupAddress encGroup;
-  EncodedUnicastAddress encRp;
+  RangeIndex seen;
+  const Knet::PktOffset start = r.offset();
   bool first = true;
-  while (remaining > 0) {
-    const U32 groupLen = encGroup.readGroupAddress(pkt, pos);
-    if (groupLen == 0) {
-      PIM_TRACE(traceError, kGroupParse);
-      return 0;
+  while (!r.atEnd()) {
+    Knet::IpGenAddr address;
+    U8 length = 0;
+    U8 flags = 0;
+    if (readPlainGroup(r, family, address, length, flags) == 0) {
+      EncodedGroupAddress enc;
+      if (enc.read(r) == 0) {
+        failureIs(enc.failure());
+        return PIM_FAIL(T::groupParse);
+      }
+      const Knet::IpGenPrefix& prefix = enc.prefix();
+      if (prefix.af() != family) return PIM_FAIL(T::groupFamily, family, "Group Address: ", prefix);
+      if (!enc.valid()) {
+        failureIs(enc.failure());
+        return PIM_FAIL(T::groupInvalid, prefix);
+      }
+      address = prefix.address();
+      length = prefix.length();
+      flags = enc.flags().value();
     }
-    const Knet::IpGenPrefix prefix = encGroup.prefix();
-    if (prefix.af() != family) {
-      PIM_TRACE(traceError, kGroupFamily << family << "Group Address: " << prefix);
-      return 0;
-    }
-    if (!encGroup.valid()) {
-      PIM_TRACE(traceError, kGroupInvalid << prefix);
-      return 0;
-    }
-    if (prefixList_.contains(prefix)) {
-      PIM_TRACE(traceError, kGroupDuplicate << prefix);
-      return 0;
-    }
-    if (!first && encGroup.flags().zone()) {
-      PIM_TRACE(traceError, kZoneNotFirst << prefix);
-      return 0;
-    }
+    // The record is made from the address and length, not copied from a prefix made just before:
+    // see BootstrapRpList::add.
+    Loom::Ptr<BootstrapGroupData> group = new BootstrapGroupData(address, length);
+    const Knet::IpGenPrefix& prefix = group->prefix();
+    if (!seen.insert(group.ptr())) return PIM_FAIL(T::groupDuplicate, prefix);
+    if (!first && GroupFlags(flags).zone()) return PIM_FAIL(T::zoneNotFirst, prefix);
     first = false;
-    Loom::Ptr<BootstrapGroupData> group = bootstrapGroupDataFactory(prefix);
+    group->groupFlagsIs(flags);
     data.groupDataEnq(group);
-    group->groupFlagsIs(encGroup.flags().value());
-    pos += groupLen;
-    remaining -= groupLen;
     // A range that ends the message without counts or RPs is taken as it is.
-    if (remaining == 0) return pos;
-    if (remaining <= 3) {
-      PIM_TRACE(traceError, kParse);
-      return 0;
-    }
-    Knet::PktReader r(pkt, pos);
-    group->rpCountIs(r.readU8());
-    group->fragRpCountIs(r.readU8());
+    if (r.atEnd()) return true;
+    if (!r.fits(4)) return PIM_FAIL(T::parse);
+    const U8 rpCount = r.readU8();
+    const U8 fragRpCount = r.readU8();
+    group->rpCountIs(rpCount);
+    group->fragRpCountIs(fragRpCount);
     group->reservedIs(r.readU16Be());
-    pos += 4;
-    remaining -= 4;
-    if (group->fragRpCount() > group->rpCount()) {
-      PIM_TRACE(traceError, kRpCounts << raw(group->rpCount()) << kLessThanFrag << raw(group->fragRpCount()));
-      return 0;
-    }
+    if (fragRpCount > rpCount) return PIM_FAIL(T::rpCounts, raw(rpCount), kLessThanFrag, raw(fragRpCount));
     // The RP count of the whole range bounds the list, not the count of this fragment.
-    group->rpListReserve(group->rpCount());
-    for (U32 i = 0; i < group->rpCount(); ++i) {
-      const U32 rpLen = encRp.readUnicastAddress(pkt, pos);
-      if (rpLen == 0) {
-        PIM_TRACE(traceError, kRpParse);
-        group->rpListDelAll();
-        return 0;
+    group->rpListReserve(rpCount);
+    for (U32 i = 0; i < rpCount; ++i) {
+      Knet::IpGenAddr address;
+      if (readPlainUnicast(r, family, address) == 0) {
+        EncodedUnicastAddress enc;
+        if (enc.read(r) == 0) {
+          failureIs(enc.failure());
+          return PIM_FAIL(T::rpParse);
+        }
+        if (!enc.valid()) {
+          failureIs(enc.failure());
+          return PIM_FAIL(T::rpInvalid, enc.address());
+        }
+        address = enc.address();
       }
-      if (!encRp.valid()) {
-        PIM_TRACE(traceError, kRpInvalid << encRp.address());
-        group->rpListDelAll();
-        return 0;
-      }
-      if (group->rpList(encRp.address())) {
-        PIM_TRACE(traceError, kRpDuplicate << encRp.address());
-        group->rpListDelAll();
-        return 0;
-      }
-      BootstrapRpData& rp = group->rpListIs(encRp.address());
-      pos += rpLen;
-      remaining -= rpLen;
-      if (remaining < 4) {
-        PIM_TRACE(traceError, kParse);
-        group->rpListDelAll();
-        return 0;
-      }
-      Knet::PktReader tail(pkt, pos);
-      rp.holdtimeIs(tail.readU16Be());
-      rp.priorityIs(tail.readU8());
-      rp.reservedIs(tail.readU8());
-      pos += 4;
-      remaining -= 4;
-      const U32 left = group->rpCount() - i - 1;
-      if (left > 0 && remaining == 0) {
-        PIM_TRACE(traceError, kRpMissing << raw(static_cast<U8>(left)) << " but no more data.");
-        group->rpListDelAll();
-        return 0;
-      }
+      if (group->rpList(address)) return PIM_FAIL(T::rpDuplicate, address);
+      BootstrapRpData& rp = group->rpListAdd(address);
+      if (!r.fits(4)) return PIM_FAIL(T::parse);
+      rp.holdtimeIs(r.readU16Be());
+      rp.priorityIs(r.readU8());
+      rp.reservedIs(r.readU8());
+      const U32 left = rpCount - i - 1;
+      if (left > 0 && r.atEnd()) return PIM_FAIL(T::rpMissing, raw(static_cast<U8>(left)), " but no more data.");
     }
-    prefixList_.insert(prefix);
+    // The ranges of a message are mostly alike: the first tells how many more the queue may
+    // take, so that it grows once (at most by an entry per 12 bytes, the least a range takes).
+    if (data.groupData().size() == 1) data.groupDataReserve(1 + r.remaining() / (r.offset() - start));
   }
-  return pos;
+  return true;
 }
 
 U32 BootstrapMessage::writeBootstrapMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  const S64 remaining = S64(pkt->size()) - S64(offset);
-  if (remaining <= 3) {
-    PIM_TRACE(traceError, kHeaderSpace << remaining);
-    return 0;
-  }
-  if (remaining < 8) {
-    PIM_TRACE(traceError, kFixedSpace << remaining - 4 << " Expected: " << 4);
-    return 0;
-  }
-  Knet::PktWriter w(pkt, offset + 4);
+  failureClear();
+  Knet::PktWriter w(pkt, offset);
+  if (!w.fits(4)) return PIM_FAIL(T::headerSpace, w.remaining());
+  w.skip(4);  // the header, written last
+  if (!w.fits(4)) return PIM_FAIL(T::fixedSpace, w.remaining(), " Expected: ", 4);
   w.writeU16Be(fragmentTag_);
   w.writeU8(hashMaskLen_);
   w.writeU8(bsrPriority_);
-  if (bsrAddress_.af() != af()) {
-    PIM_TRACE(traceError, kWriteFamily << bsrAddress_.af() << " BSR Address: " << bsrAddress_);
-    return 0;
-  }
+  if (bsrAddress_.af() != af()) return PIM_FAIL(T::writeFamily, bsrAddress_.af(), " BSR Address: ", bsrAddress_);
   EncodedUnicastAddress bsr;
   bsr.addressIs(bsrAddress_);
-  const U32 bsrLen = bsr.writeUnicastAddress(pkt, offset + 8);
-  if (bsrLen == 0) {
-    PIM_TRACE(traceError, kBsrWrite);
-    return 0;
+  if (bsr.write(w) == 0) {
+    failureIs(bsr.failure());
+    return PIM_FAIL(T::bsrWrite);
   }
-  const U32 end = writeGroups(pkt, offset + 8 + bsrLen);
-  prefixList_.clear();
-  if (end == 0) return 0;
-  lengthIs(end - offset);
-  if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kHeaderWrite);
-    return 0;
-  }
+  if (!writeGroups(w)) return 0;
+  lengthIs(w.offset() - offset);
+  if (writeHeader(pkt, offset) == 0) return PIM_FAIL(T::headerWrite);
   PIM_TRACE(traceDetail, "TX: <PIM " << this << ">");
   return length();
 }
 
-// The group ranges from pos on: the position behind the last one written, or 0 after a failure.
-U32 BootstrapMessage::writeGroups(const Loom::Ptr<Knet::Pkt>& pkt, U32 pos) {
-  if (!groupRpData_) return pos;
+// The group ranges; false after a failure.
+bool BootstrapMessage::writeGroups(Knet::PktWriter& w) {
+  if (!groupRpData_) return true;
   const Knet::AddressFamily family = af();
-  EncodedGroupAddress encGroup;
-  EncodedUnicastAddress encRp;
+  PrefixSet written;
   bool first = true;
   for (const auto& [index, group] : groupRpData_->groupData()) {
     const Knet::IpGenPrefix& prefix = group->prefix();
-    if (prefix.af() != family) {
-      PIM_TRACE(traceError, kWriteFamily << prefix.af() << " Group Address: " << prefix);
-      return 0;
-    }
-    if (!first && group->zone()) {
-      PIM_TRACE(traceError, kZoneNotFirst << prefix);
-      return 0;
-    }
+    if (prefix.af() != family) return PIM_FAIL(T::writeFamily, prefix.af(), " Group Address: ", prefix);
+    if (!first && group->zone()) return PIM_FAIL(T::zoneNotFirst, prefix);
     first = false;
-    if (prefixList_.contains(prefix)) {
-      PIM_TRACE(traceError, kWriteDuplicate << prefix);
-      return 0;
+    if (!written.insert(prefix)) return PIM_FAIL(T::writeDuplicate, prefix);
+    EncodedGroupAddress enc;
+    enc.prefixIs(prefix);
+    enc.flagsIs(GroupFlags(group->groupFlags()));
+    if (enc.write(w) == 0) {
+      failureIs(enc.failure());
+      return PIM_FAIL(T::groupWrite);
     }
-    encGroup.prefixIs(prefix);
-    encGroup.flagsIs(GroupFlags(group->groupFlags()));
-    const U32 groupLen = encGroup.writeGroupAddress(pkt, pos);
-    if (groupLen == 0) {
-      PIM_TRACE(traceError, kGroupWrite);
-      return 0;
+    const U8 rpCount = group->rpCount();
+    const U8 fragRpCount = group->fragRpCount();
+    if (rpCount < fragRpCount) return PIM_FAIL(T::passedCounts, raw(rpCount), kLessThanFrag, raw(fragRpCount));
+    if (fragRpCount != group->rpList().size()) {
+      return PIM_FAIL(T::passedMismatch, raw(fragRpCount), kRecordsCount, group->rpList().size());
     }
-    pos += groupLen;
-    if (group->rpCount() < group->fragRpCount()) {
-      PIM_TRACE(traceError, kPassedCounts << raw(group->rpCount()) << kLessThanFrag << raw(group->fragRpCount()));
-      return 0;
-    }
-    if (group->fragRpCount() != group->rpList().size()) {
-      PIM_TRACE(traceError, kPassedMismatch << raw(group->fragRpCount()) << kRecordsCount << group->rpList().size());
-      return 0;
-    }
-    Knet::PktWriter counts(pkt, pos);
-    if (!counts.fits(4)) {
-      PIM_TRACE(traceError, kCountsSpace << counts.remaining() << " Expected: " << 4);
-      return 0;
-    }
-    counts.writeU8(group->rpCount());
-    counts.writeU8(group->fragRpCount());
-    counts.writeU16Be(group->reserved());
-    pos += 4;
-    for (const Loom::Ptr<BootstrapRpData>& rp : group->rpList()) {
-      if (rp->address().af() != family) {
-        PIM_TRACE(traceError, kWriteFamily << rp->address().af() << " RP Address: " << rp->address());
-        return 0;
+    if (!w.fits(4)) return PIM_FAIL(T::countsSpace, w.remaining(), " Expected: ", 4);
+    w.writeU8(rpCount);
+    w.writeU8(fragRpCount);
+    w.writeU16Be(group->reserved());
+    for (const BootstrapRpData& rp : group->rpList()) {
+      if (rp.address().af() != family) {
+        return PIM_FAIL(T::writeFamily, rp.address().af(), " RP Address: ", rp.address());
       }
-      encRp.addressIs(rp->address());
-      const U32 rpLen = encRp.writeUnicastAddress(pkt, pos);
-      if (rpLen == 0) {
-        PIM_TRACE(traceError, kRpWrite);
-        return 0;
+      EncodedUnicastAddress encRp;
+      encRp.addressIs(rp.address());
+      if (encRp.write(w) == 0) {
+        failureIs(encRp.failure());
+        return PIM_FAIL(T::rpWrite);
       }
-      pos += rpLen;
-      Knet::PktWriter tail(pkt, pos);
-      if (!tail.fits(4)) {
-        PIM_TRACE(traceError, kRpTailSpace << tail.remaining() << " Expected: " << 4);
-        return 0;
-      }
-      tail.writeU16Be(rp->holdtime());
-      tail.writeU8(rp->priority());
-      tail.writeU8(rp->reserved());
-      pos += 4;
+      if (!w.fits(4)) return PIM_FAIL(T::rpTailSpace, w.remaining(), " Expected: ", 4);
+      w.writeU16Be(rp.holdtime());
+      w.writeU8(rp.priority());
+      w.writeU8(rp.reserved());
     }
-    prefixList_.insert(prefix);
   }
-  return pos;
+  return true;
 }
 
 }  // namespace Routing::Pim::Packet

@@ -1,99 +1,74 @@
 #include "PimMessage/CrpAdvMessage.h"
 
-#include <algorithm>
+#include <array>
 #include <new>
-#include <sstream>
 
 #include "PimMessage/EncodedAddress.h"
-#include "knet/Cursor.h"
 
 namespace Routing::Pim::Packet {
 namespace {
 
-// ---- Decoder texts ----
-constexpr const char* kHeaderParse = "Invalid Pim CrpAdv - Header - Parse Error";
-constexpr const char* kParse = "Invalid Pim CrpAdv - Parse Error";
-constexpr const char* kRpParse = "Invalid Pim CrpAdv - RP Address - Parse Error";
-constexpr const char* kRpFamily = "Invalid Pim CrpAdv - RP Address - Invalid Family - Family: ";
-constexpr const char* kRpInvalid = "Invalid Pim CrpAdv - RP Address - Invalid Address - ";
-constexpr const char* kMallocFailure = "CrpGroupData - Malloc Failure";
-constexpr const char* kGroupParse = "Invalid Pim CrpAdv - Group Address - Parse Error";
-constexpr const char* kGroupFamily = "Invalid Pim CrpAdv - Group Address - Invalid Family - Family: ";
-constexpr const char* kGroupInvalid = "Invalid Pim CrpAdv - Group Address - Invalid Prefix: ";
-constexpr const char* kGroupDuplicate = "Invalid Pim CrpAdv - Group Address - Duplicate group - Group Address: ";
-constexpr const char* kZoneSet = "Valid Pim CrpAdv - Group Address has Zone flag set - Group: ";
-constexpr const char* kCountMismatch = "Invalid Pim CrpAdv - Group Address count mismatch -  prefixCount: ";
-constexpr const char* kCleaningUp = "Invalid Pim CrpAdv. Cleaning Up";
+using T = CrpAdvText;
 
-// ---- Encoder texts ----
-constexpr const char* kHeaderSpace = "Invalid Pim CrpAdv - Header - Unavailable Space - Remaining: ";
-constexpr const char* kFixedSpace = "Invalid Pim CrpAdv - Fixed Fields - Unavailable Space - Remaining: ";
-constexpr const char* kPrefixCount = "Invalid Pim CrpAdv - Prefix Count ";
-constexpr const char* kPrefixCountMismatch = "Invalid Pim CrpAdv - Prefix Count Mismatch";
-constexpr const char* kWriteFamily = "Invalid Pim CrpAdv - Invalid Family - Family: ";
-constexpr const char* kRpWrite = "Invalid Pim CrpAdv - RP Address - Write Error";
-constexpr const char* kInvalidScope = "Invalid Pim CrpAdv - Invalid Scope:  Group Scope: ";
-constexpr const char* kGroupWrite = "Invalid Pim CrpAdv - Group Address - Write Error";
-// The advertisement shares the Bootstrap's text for a header that cannot be written.
-constexpr const char* kHeaderWrite = "Invalid Pim Bootstrap - Header - Write Error";
+constexpr std::array<TextRow<CrpAdvText>, 21> texts{{
+    // ---- Decoder ----
+    {T::headerParse, "Invalid Pim CrpAdv - Header - Parse Error"},
+    {T::parse, "Invalid Pim CrpAdv - Parse Error"},
+    {T::rpParse, "Invalid Pim CrpAdv - RP Address - Parse Error"},
+    {T::rpFamily, "Invalid Pim CrpAdv - RP Address - Invalid Family - Family: "},
+    {T::rpInvalid, "Invalid Pim CrpAdv - RP Address - Invalid Address - "},
+    {T::mallocFailure, "CrpGroupData - Malloc Failure"},
+    {T::groupParse, "Invalid Pim CrpAdv - Group Address - Parse Error"},
+    {T::groupFamily, "Invalid Pim CrpAdv - Group Address - Invalid Family - Family: "},
+    {T::groupInvalid, "Invalid Pim CrpAdv - Group Address - Invalid Prefix: "},
+    {T::groupDuplicate, "Invalid Pim CrpAdv - Group Address - Duplicate group - Group Address: "},
+    {T::countMismatch, "Invalid Pim CrpAdv - Group Address count mismatch -  prefixCount: "},
+    {T::cleaningUp, "Invalid Pim CrpAdv. Cleaning Up"},
+    // ---- Encoder ----
+    {T::headerSpace, "Invalid Pim CrpAdv - Header - Unavailable Space - Remaining: "},
+    {T::fixedSpace, "Invalid Pim CrpAdv - Fixed Fields - Unavailable Space - Remaining: "},
+    {T::prefixCount, "Invalid Pim CrpAdv - Prefix Count "},
+    {T::prefixCountMismatch, "Invalid Pim CrpAdv - Prefix Count Mismatch"},
+    {T::writeFamily, "Invalid Pim CrpAdv - Invalid Family - Family: "},
+    {T::rpWrite, "Invalid Pim CrpAdv - RP Address - Write Error"},
+    {T::invalidScope, "Invalid Pim CrpAdv - Invalid Scope:  Group Scope: "},
+    {T::groupWrite, "Invalid Pim CrpAdv - Group Address - Write Error"},
+    // The advertisement shares the Bootstrap's text for a header that cannot be written.
+    {T::headerWrite, "Invalid Pim Bootstrap - Header - Write Error"},
+}};
+static_assert(rowsInOrder(texts));
+
+// An admin-scoped range is unusual but valid: not a failure, only traced and logged.
+constexpr const char* kZoneSet = "Valid Pim CrpAdv - Group Address has Zone flag set - Group: ";
 
 const char* scopeOf(bool zone) { return zone ? "Admin" : "global"; }
 
 }  // namespace
 
-Loom::Ptr<CrpGroupData> CrpGroupData::CrpGroupDataIs() { return new CrpGroupData; }
-
-Loom::Ptr<CrpGroupData> crpGroupDataFactory() { return CrpGroupData::CrpGroupDataIs(); }
-
-CrpGroupInfo* CrpGroupData::groupInfo(const Knet::IpGenPrefix& prefix) const {
-  for (const auto& g : groupInfo_) {
-    if (g->prefix() == prefix) return g.ptr();
-  }
-  return nullptr;
-}
-
-CrpGroupInfo& CrpGroupData::groupInfoIs(const Knet::IpGenPrefix& prefix) {
-  if (CrpGroupInfo* g = groupInfo(prefix)) return *g;
-  return *groupInfo_.emplace_back(new CrpGroupInfo(prefix));
-}
-
-void CrpGroupData::groupInfoDel(const Knet::IpGenPrefix& prefix) {
-  std::erase_if(groupInfo_, [&](const Loom::Ptr<CrpGroupInfo>& g) { return g->prefix() == prefix; });
-}
+std::string_view textOf(CrpAdvText row) { return texts[static_cast<size_t>(row)].text; }
 
 CrpAdvMessage::CrpAdvMessage() : Message(Knet::pimCandidateRpAdvertisement()) {}
 
 Loom::Ptr<CrpAdvMessage> crpAdvMessageFactory() { return new CrpAdvMessage; }
 
 U32 CrpAdvMessage::readCrpAdvMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  if (readHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kHeaderParse);
-    return 0;
-  }
-  const S64 remaining = S64(pkt->size()) - S64(offset) - 4;
-  if (remaining <= 3) {
-    PIM_TRACE(traceError, kParse);
-    return 0;
-  }
+  if (readHeader(pkt, offset) == 0) return PIM_FAIL(T::headerParse);
   Knet::PktReader r(pkt, offset + 4);
+  if (!r.fits(4)) return PIM_FAIL(T::parse);
   prefixCountIs(r.readU8());
   priorityIs(r.readU8());
   holdtimeIs(r.readU16Be());
 
   EncodedUnicastAddress rp;
-  const U32 rpLen = rp.readUnicastAddress(pkt, offset + 8);
-  if (rpLen == 0) {
-    PIM_TRACE(traceError, kRpParse);
-    return 0;
+  if (rp.read(r) == 0) {
+    failureIs(rp.failure());
+    return PIM_FAIL(T::rpParse);
   }
   const Knet::AddressFamily family = af();
-  if (rp.address().af() != family) {
-    PIM_TRACE(traceError, kRpFamily << family << "RP Address: " << rp.address());
-    return 0;
-  }
+  if (rp.address().af() != family) return PIM_FAIL(T::rpFamily, family, "RP Address: ", rp.address());
   if (!rp.valid()) {
-    PIM_TRACE(traceError, kRpInvalid << rp.address());
-    return 0;
+    failureIs(rp.failure());
+    return PIM_FAIL(T::rpInvalid, rp.address());
   }
   rpAddressIs(rp.address());
 
@@ -101,123 +76,84 @@ U32 CrpAdvMessage::readCrpAdvMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset
   try {
     data = crpGroupDataFactory();
   } catch (const std::bad_alloc&) {
-    PIM_TRACE(traceError, kMallocFailure);
-    return 0;
+    return PIM_FAIL(T::mallocFailure);
   }
-  const U32 end = readRanges(pkt, offset + 8 + rpLen, *data);
-  if (end == 0) {
-    PIM_TRACE(traceError, kCleaningUp);
-    data->groupInfoDelAll();
-    return 0;
-  }
+  if (!readRanges(r, *data)) return PIM_FAIL(T::cleaningUp);
   groupDataIs(data);
   PIM_TRACE(traceDetail, "RX: <PIM " << this << ">");
-  return end - offset;
+  return r.offset() - offset;
 }
 
-// The ranges from pos to the end of the packet: the end, or 0 after a failure.
-U32 CrpAdvMessage::readRanges(const Loom::Ptr<Knet::Pkt>& pkt, U32 pos, CrpGroupData& data) {
+// The ranges up to the end of the packet; false after a failure.
+bool CrpAdvMessage::readRanges(Knet::PktReader& r, CrpGroupData& data) {
   const Knet::AddressFamily family = af();
   EncodedGroupAddress group;
   U32 ranges = 0;
-  while (pos < pkt->size()) {
-    const U32 groupLen = group.readGroupAddress(pkt, pos);
-    if (groupLen == 0) {
-      PIM_TRACE(traceError, kGroupParse);
-      return 0;
+  while (!r.atEnd()) {
+    if (group.read(r) == 0) {
+      failureIs(group.failure());
+      return PIM_FAIL(T::groupParse);
     }
     const Knet::IpGenPrefix prefix = group.prefix();
-    if (prefix.af() != family) {
-      PIM_TRACE(traceError, kGroupFamily << family << "Group Address: " << prefix);
-      return 0;
-    }
+    if (prefix.af() != family) return PIM_FAIL(T::groupFamily, family, "Group Address: ", prefix);
     if (!group.valid()) {
-      PIM_TRACE(traceError, kGroupInvalid << prefix);
-      return 0;
+      failureIs(group.failure());
+      return PIM_FAIL(T::groupInvalid, prefix);
     }
-    if (data.groupInfo(prefix)) {
-      PIM_TRACE(traceError, kGroupDuplicate << prefix);
-      return 0;
-    }
+    if (data.groupInfo(prefix)) return PIM_FAIL(T::groupDuplicate, prefix);
     data.groupInfoIs(prefix).groupFlagsIs(group.flags().value());
     ++ranges;
-    pos += groupLen;
     if (group.flags().zone()) {
-      // An admin-scoped range is unusual but valid: kept, traced and logged.
       PIM_TRACE(traceError, kZoneSet << prefix << " RP: " << rpAddress_);
       PIMBSR_CRPADV_ZONE_SET.raise({rpAddress_.str()});
     }
   }
   if (ranges != prefixCount_) {
-    PIM_TRACE(traceError, kCountMismatch << unsigned(prefixCount_) << " numGroups: " << ranges);
-    return 0;
+    return PIM_FAIL(T::countMismatch, unsigned(prefixCount_), " numGroups: ", ranges);
   }
-  return pos;
+  return true;
 }
 
 U32 CrpAdvMessage::writeCrpAdvMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset) {
-  const S64 remaining = S64(pkt->size()) - S64(offset);
-  if (remaining <= 3) {
-    PIM_TRACE(traceError, kHeaderSpace << remaining);
-    return 0;
-  }
-  if (remaining < 8) {
-    PIM_TRACE(traceError, kFixedSpace << remaining - 4 << " Expected: " << 4);
-    return 0;
-  }
-  Knet::PktWriter w(pkt, offset + 4);
+  failureClear();
+  Knet::PktWriter w(pkt, offset);
+  if (!w.fits(4)) return PIM_FAIL(T::headerSpace, w.remaining());
+  w.skip(4);  // the header, written last
+  if (!w.fits(4)) return PIM_FAIL(T::fixedSpace, w.remaining(), " Expected: ", 4);
   w.writeU8(prefixCount_);
   w.writeU8(priority_);
   w.writeU16Be(holdtime_);
   const size_t ranges = groupData_ ? groupData_->groupInfo().size() : 0;
-  if (prefixCount_ == 0) {
-    PIM_TRACE(traceError, kPrefixCount);
-    return 0;
-  }
-  if (prefixCount_ != ranges) {
-    PIM_TRACE(traceError, kPrefixCountMismatch);
-    return 0;
-  }
+  if (prefixCount_ == 0) return PIM_FAIL(T::prefixCount);
+  if (prefixCount_ != ranges) return PIM_FAIL(T::prefixCountMismatch);
   const Knet::AddressFamily family = af();
-  if (rpAddress_.af() != family) {
-    PIM_TRACE(traceError, kWriteFamily << rpAddress_.af() << " RP Address: " << rpAddress_);
-    return 0;
-  }
+  if (rpAddress_.af() != family) return PIM_FAIL(T::writeFamily, rpAddress_.af(), " RP Address: ", rpAddress_);
   EncodedUnicastAddress rp;
   rp.addressIs(rpAddress_);
-  const U32 rpLen = rp.writeUnicastAddress(pkt, offset + 8);
-  if (rpLen == 0) {
-    PIM_TRACE(traceError, kRpWrite);
-    return 0;
+  if (rp.write(w) == 0) {
+    failureIs(rp.failure());
+    return PIM_FAIL(T::rpWrite);
   }
-  U32 pos = offset + 8 + rpLen;
   // All ranges must have the scope of the first.
   const bool allowedZone = groupData_->groupInfo().front()->zone();
   EncodedGroupAddress group;
   for (const Loom::Ptr<CrpGroupInfo>& g : groupData_->groupInfo()) {
     if (g->prefix().af() != family) {
-      PIM_TRACE(traceError, kWriteFamily << g->prefix().af() << " Group Address: " << g->prefix());
-      return 0;
+      return PIM_FAIL(T::writeFamily, g->prefix().af(), " Group Address: ", g->prefix());
     }
     if (g->zone() != allowedZone) {
-      PIM_TRACE(traceError, kInvalidScope << scopeOf(g->zone()) << " Allowed Scope: " << scopeOf(allowedZone)
-                                          << " Group Address: " << g->prefix());
-      return 0;
+      return PIM_FAIL(T::invalidScope, scopeOf(g->zone()), " Allowed Scope: ", scopeOf(allowedZone),
+                      " Group Address: ", g->prefix());
     }
     group.prefixIs(g->prefix());
     group.flagsIs(GroupFlags(g->groupFlags()));
-    const U32 groupLen = group.writeGroupAddress(pkt, pos);
-    if (groupLen == 0) {
-      PIM_TRACE(traceError, kGroupWrite);
-      return 0;
+    if (group.write(w) == 0) {
+      failureIs(group.failure());
+      return PIM_FAIL(T::groupWrite);
     }
-    pos += groupLen;
   }
-  lengthIs(pos - offset);
-  if (writeHeader(pkt, offset) == 0) {
-    PIM_TRACE(traceError, kHeaderWrite);
-    return 0;
-  }
+  lengthIs(w.offset() - offset);
+  if (writeHeader(pkt, offset) == 0) return PIM_FAIL(T::headerWrite);
   PIM_TRACE(9, "TX: <PIM " << this << ">");
   return length();
 }

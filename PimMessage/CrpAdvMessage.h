@@ -3,49 +3,49 @@
 // to the BSR: the RP's address, priority and holdtime and the group ranges it serves. The decoder
 // requires as many ranges as the prefix count says; a range with the admin-scope zone flag is
 // accepted and logged. The encoder refuses a message whose ranges mix scopes, whose prefix count
-// is 0 or whose prefix count disagrees with its ranges.
+// is 0 or whose prefix count disagrees with its ranges. The ranges are the records of
+// PimData/CrpAdvData.h.
 #include <ostream>
-#include <vector>
+#include <string_view>
 
+#include "PimData/CrpAdvData.h"
 #include "PimData/PimFlags.h"
 #include "PimMessage/Message.h"
+#include "knet/Cursor.h"
 
 namespace Routing::Pim::Packet {
 
-// One advertised group range.
-class CrpGroupInfo : public Loom::Entity {
- public:
-  explicit CrpGroupInfo(const Knet::IpGenPrefix& prefix) : prefix_(prefix) {}
-  const Knet::IpGenPrefix& prefix() const { return prefix_; }
-  // The encoded group's flags byte; bit 0 (0x01) is the zone (Z) flag of an admin-scoped range.
-  U8 groupFlags() const { return groupFlags_; }
-  void groupFlagsIs(U8 v) { groupFlags_ = v; }
-  bool zone() const { return groupFlags_ & 0x01; }
+using Routing::Pim::CrpGroupData;
+using Routing::Pim::CrpGroupInfo;
+using Routing::Pim::crpGroupDataFactory;
 
- private:
-  Knet::IpGenPrefix prefix_;
-  U8 groupFlags_ = 0;
+// The rows of the Candidate-RP Advertisement's text table: the failures of a read or write.
+enum class CrpAdvText : U8 {
+  headerParse,
+  parse,
+  rpParse,
+  rpFamily,
+  rpInvalid,
+  mallocFailure,
+  groupParse,
+  groupFamily,
+  groupInvalid,
+  groupDuplicate,
+  countMismatch,
+  cleaningUp,
+  headerSpace,
+  fixedSpace,
+  prefixCount,
+  prefixCountMismatch,
+  writeFamily,
+  rpWrite,
+  invalidScope,
+  groupWrite,
+  headerWrite,
 };
-
-// The advertised ranges by prefix, in the order they were added (a received message's wire
-// order, so that it is written back as it came).
-class CrpGroupData : public Loom::Entity {
- public:
-  using GroupInfo = std::vector<Loom::Ptr<CrpGroupInfo>>;
-  static Loom::Ptr<CrpGroupData> CrpGroupDataIs();
-
-  const GroupInfo& groupInfo() const { return groupInfo_; }
-  // The range of the prefix, or null.
-  CrpGroupInfo* groupInfo(const Knet::IpGenPrefix& prefix) const;
-  // The range of the prefix, made if it is new.
-  CrpGroupInfo& groupInfoIs(const Knet::IpGenPrefix& prefix);
-  void groupInfoDel(const Knet::IpGenPrefix& prefix);
-  void groupInfoDelAll() { groupInfo_.clear(); }
-
- private:
-  GroupInfo groupInfo_;
-};
-Loom::Ptr<CrpGroupData> crpGroupDataFactory();
+template <>
+inline constexpr TextTable textTableOf<CrpAdvText> = TextTable::crpAdv;
+std::string_view textOf(CrpAdvText row);
 
 class CrpAdvMessage : public Message {
  public:
@@ -71,7 +71,7 @@ class CrpAdvMessage : public Message {
   void print(std::ostream& os) const override;
 
  private:
-  U32 readRanges(const Loom::Ptr<Knet::Pkt>& pkt, U32 pos, CrpGroupData& data);
+  bool readRanges(Knet::PktReader& r, CrpGroupData& data);
 
   U8 prefixCount_ = 0;
   U8 priority_ = 0;

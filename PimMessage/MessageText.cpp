@@ -92,7 +92,7 @@ std::ostream& operator<<(std::ostream& os, const BootstrapGroupData* g) {
      << ", rpCount=" << unsigned(g->rpCount()) << ", fragRpCount=" << unsigned(g->fragRpCount()) << ", RpList=[ ";
   const char* sep = "";
   for (const auto& rp : g->rpList()) {
-    os << sep << rp.ptr();
+    os << sep << &rp;
     sep = ", ";
   }
   return os << " ] )";

@@ -3,6 +3,7 @@
 //   the checksum (8 bytes at a time)  vs. the plain 16-bit loop over the same bytes;
 //   Hello decode and encode           vs. hand-written code that checksums and walks, or writes,
 //                                         the same bytes with plain locals;
+//   Bootstrap decode (fresh message)  vs. the same kind of walk over a Bootstrap's ranges and RPs;
 //   a trace call whose level is off   vs. the same loop without the call.
 #include <benchmark/benchmark.h>
 

@@ -2,8 +2,8 @@
 #include <string>
 #include <vector>
 
+#include "PimData/BootstrapData.h"
 #include "PimData/JoinPruneData.h"
-#include "PimMessage/BootstrapMessage.h"
 #include "fuzz/FuzzHarness.h"
 #include "loom/Trace.h"
 
@@ -21,8 +21,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::vector<Loom::Ptr<Loom::PtrInterface>> records;
   for (int i = 0; i < 4096; ++i) {
     records.emplace_back(new Routing::Pim::JoinPruneGroupData(Knet::IpGenAddr()));
-    records.emplace_back(new Routing::Pim::Packet::BootstrapGroupData(Knet::IpGenPrefix()));
-    records.emplace_back(new Routing::Pim::Packet::BootstrapRpData(Knet::IpGenAddr()));
+    records.emplace_back(new Routing::Pim::BootstrapGroupData(Knet::IpGenPrefix()));
   }
   return 0;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "PimMessage/Failure.h"
 #include "knet/Address.h"
 #include "knet/Checksum.h"
 #include "knet/Pkt.h"
@@ -30,6 +31,21 @@ inline Knet::IpGenAddr ip(const char* text) {
   auto a = Knet::IpGenAddr::parse(text);
   EXPECT_TRUE(a.has_value()) << text;
   return a.value_or(Knet::IpGenAddr());
+}
+
+// The bytes of an encoded unicast address, and of an encoded group range with its flags byte
+// (native encoding).
+inline Bytes encodedUnicastBytes(const char* address) {
+  const Knet::IpGenAddr a = ip(address);
+  Bytes b = {U8(a.af() == Knet::AddressFamily::ipv4 ? 1 : 2), 0};
+  b.insert(b.end(), a.bytes(), a.bytes() + a.byteLength());
+  return b;
+}
+inline Bytes encodedGroupBytes(const char* address, U8 mask, U8 flags = 0) {
+  const Knet::IpGenAddr a = ip(address);
+  Bytes b = {U8(a.af() == Knet::AddressFamily::ipv4 ? 1 : 2), 0, flags, mask};
+  b.insert(b.end(), a.bytes(), a.bytes() + a.byteLength());
+  return b;
 }
 
 // Stores the right PIM checksum in bytes 2-3, computed with the plain word-by-word sum (the
@@ -230,6 +246,55 @@ void checkCuts(const Bytes& full, const std::vector<Cut<F>>& pieces, const Knet:
       EXPECT_TRUE(startsWith(firstError(cap), std::string(expected.text()))) << "cut at " << length;
     }
     start += c.size;
+  }
+}
+
+// ---- Failures as values ----
+
+// What a read or a write returned, and the failure the message recorded (none on success).
+using RecordedOutcome = Outcome<Routing::Pim::Packet::Failure>;
+
+// One row of a reject table that names the recorded failure (the first of the operation: an
+// encoded address's row where the address failed first) beside the text the read traces.
+struct RecordedReject {
+  const char* name;
+  Bytes bytes;
+  Routing::Pim::Packet::Failure failure;
+  std::string error;
+};
+
+// Reads every row (its checksum fixed first) with a fresh message; each must return 0, record
+// its failure and trace its text.
+inline void checkRecordedRejects(const std::vector<RecordedReject>& rows, const Knet::IpGenAddr& src,
+                                 const Knet::IpGenAddr& dst,
+                                 const std::function<RecordedOutcome(const Loom::Ptr<Knet::Pkt>&)>& read,
+                                 Trace which = Trace::first) {
+  for (const RecordedReject& r : rows) {
+    Bytes b = r.bytes;
+    if (b.size() >= 4) fixChecksum(b, src, dst);
+    Loom::TraceCapture cap(1);
+    const RecordedOutcome o = read(pkt(b));
+    EXPECT_EQ(o.count, 0u) << r.name;
+    EXPECT_EQ(o.failure, r.failure) << r.name << ": recorded \"" << o.failure << "\"";
+    EXPECT_EQ(failureText(cap, which), r.error) << r.name;
+  }
+}
+
+// One row of a write-failure table that names the recorded failure beside the traced text.
+struct RecordedWriteFailure {
+  const char* name;
+  std::function<RecordedOutcome()> write;
+  Routing::Pim::Packet::Failure failure;
+  std::string error;
+};
+
+inline void checkRecordedWriteFailures(const std::vector<RecordedWriteFailure>& rows, Trace which = Trace::first) {
+  for (const RecordedWriteFailure& r : rows) {
+    Loom::TraceCapture cap(1);
+    const RecordedOutcome o = r.write();
+    EXPECT_EQ(o.count, 0u) << r.name;
+    EXPECT_EQ(o.failure, r.failure) << r.name << ": recorded \"" << o.failure << "\"";
+    EXPECT_EQ(failureText(cap, which), r.error) << r.name;
   }
 }
 

@@ -66,10 +66,10 @@ bool requiredMember(const Json& in, const char* name, T& out, std::string& error
 Json rangeJson(const BootstrapGroupData& g) {
   Json rps = Json::array();
   for (const auto& rp : g.rpList()) {
-    rps.push_back(Json{{"address", jsonOf(rp->address())},
-                       {"holdtime", rp->holdtime()},
-                       {"priority", rp->priority()},
-                       {"reserved", rp->reserved()}});
+    rps.push_back(Json{{"address", jsonOf(rp.address())},
+                       {"holdtime", rp.holdtime()},
+                       {"priority", rp.priority()},
+                       {"reserved", rp.reserved()}});
   }
   return Json{{"prefix", jsonOf(g.prefix())},     {"groupFlags", g.groupFlags()},
               {"rpCount", g.rpCount()},           {"fragRpCount", g.fragRpCount()},
