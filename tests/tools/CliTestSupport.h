@@ -32,8 +32,8 @@ std::vector<Bytes> readCapture(const std::string& path);
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
 
-// Ethernet to 01:00:5e:00:00:0d around an IP packet (or `etherType` and any payload), with a
-// 4-byte tag for each TPID given; and the IP packet of a frame without tags.
+// Ethernet to 01:00:5e:00:00:0d around an IP packet (or `etherType` and any payload), a 4-byte
+// tag for each TPID given; the IP packet of a frame without tags.
 Bytes ethernet(const Bytes& ip, const std::vector<U16>& vlanTpids = {}, U16 etherType = 0);
 Bytes ipOfEthernet(const Bytes& frame);
 U16 etherTypeOf(const Bytes& ip);
