@@ -37,7 +37,7 @@ TEST(CrpAdv, ReadAcceptsAndGoldenPacketsWriteBack) {
     bool isV6 = false;
   } cases[] = {
       {concat({fixed(2), range("224.0.0.0", 4), range("239.255.0.0", 16, 0x80)}),
-       {"2 192 150 10.0.0.5", "224.0.0.0/4 0x00", "239.255.0.0/16 0x80(B)"}},
+       {"2 192 150 10.0.0.5", "224.0.0.0/4 0x00", "239.255.0.0/16 0x80(B)"}, {}},
       {concat({fixed(1, "2001:db8::5"), range("ff05::", 16, 0x01)}), {"1 192 150 2001:db8::5", "ff05::/16 0x01(Z)"},
        {"Valid Pim CrpAdv - Group Address has Zone flag set - Group: ff05::/16 RP: 2001:db8::5"}, true, true},
       {fixed(0), {"0 192 150 10.0.0.5"}, {}, false},  // read, but never written: the encoder refuses a count of 0
