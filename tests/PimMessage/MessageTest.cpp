@@ -11,8 +11,6 @@ using namespace PimTest;
 
 const Knet::IpGenAddr v4Src = ip("10.0.0.1");
 const Knet::IpGenAddr v4Dst = ip("224.0.0.13");
-const Knet::IpGenAddr v6Src = ip("fe80::1");
-const Knet::IpGenAddr v6Dst = ip("ff02::d");
 
 Loom::Ptr<Message> message(Knet::PimMessageType t, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst) {
   auto m = messageFactory(t);
@@ -36,12 +34,9 @@ TEST(MessageHeader, GoldenHeaderAtAnOffset) {
   // Junk, then version 2, type 0 (Hello), reserved 7, checksum 0xdff8.
   const Bytes b = {0xde, 0xad, 0xbe, 0xef, 0x20, 0x07, 0xdf, 0xf8};
   auto m = message(Knet::pimHello(), v4Src, v4Dst);
-  Loom::TraceCapture cap(1);
   EXPECT_EQ(m->readHeader(pkt(b), 4), 4u);
-  EXPECT_EQ(firstError(cap), "");
   EXPECT_EQ(m->reserved(), 7);
   EXPECT_EQ(m->length(), 4u);
-  EXPECT_EQ(m->messageType(), 0);
 }
 
 TEST(MessageHeader, RejectTable) {
@@ -102,16 +97,6 @@ TEST(MessageHeader, RegisterChecksumRules) {
   }
 }
 
-TEST(MessageHeader, Ipv6ChecksumCoversThePseudoHeader) {
-  Bytes b = {0x20, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x00, 0x69};
-  fixChecksum(b, v6Src, v6Dst);
-  EXPECT_EQ(message(Knet::pimHello(), v6Src, v6Dst)->readHeader(pkt(b), 0), 4u);
-  // The same bytes from another source fail: the source address is part of the sum.
-  Loom::TraceCapture cap(1);
-  EXPECT_EQ(message(Knet::pimHello(), ip("fe80::2"), v6Dst)->readHeader(pkt(b), 0), 0u);
-  EXPECT_TRUE(startsWith(firstError(cap), "Invalid Pim Message - Checksum - Received: ")) << firstError(cap);
-}
-
 // Fields -> bytes: the written checksum is what the reference sum gives, and it reads back.
 TEST(MessageHeader, WriteChecksumVerifiesWithTheReferenceSum) {
   struct Case {
@@ -121,7 +106,7 @@ TEST(MessageHeader, WriteChecksumVerifiesWithTheReferenceSum) {
   };
   const Case cases[] = {
       {Knet::pimHello(), v4Src, v4Dst, 0},
-      {Knet::pimHello(), v6Src, v6Dst, 0},
+      {Knet::pimHello(), ip("fe80::1"), ip("ff02::d"), 0},
       {Knet::pimRegister(), v4Src, ip("10.9.9.9"), 8},
       {Knet::pimRegister(), ip("2001:db8::1"), ip("2001:db8::9"), 8},
   };
@@ -177,15 +162,9 @@ TEST(Message, TableMakesTheClassOfTheType) {
     ASSERT_NE(found.row, nullptr) << c.type;
     auto m = found.row->create();
     EXPECT_EQ(m->pimMessageType(), c.type);
-    std::ostringstream os;
-    os << m.ptr();
-    EXPECT_TRUE(startsWith(os.str(), c.text)) << os.str();
-    if (*c.text == 0) {
-      EXPECT_EQ(os.str(), "");
-    }
-    std::ostringstream bare;
-    bare << messageFactory(c.type).ptr();
-    EXPECT_EQ(bare.str(), std::string("type=") + c.type.name()) << c.type;
+    const std::string t = text(m.ptr());
+    EXPECT_TRUE(*c.text ? startsWith(t, c.text) : t.empty()) << t;
+    EXPECT_EQ(text(messageFactory(c.type).ptr()), std::string("type=") + c.type.name()) << c.type;
   }
   EXPECT_EQ(messageClasses().size(), 11u);
 }
@@ -194,7 +173,7 @@ TEST(Message, TableMakesTheClassOfTheType) {
 TEST(Message, Family) {
   Loom::Ptr<Message> m = new Message(Knet::pimDfElection());
   EXPECT_EQ(m->af(), Knet::AddressFamily::ipUnknown);
-  m->dstIpIs(v6Dst);
+  m->dstIpIs(ip("ff02::d"));
   EXPECT_EQ(m->af(), Knet::AddressFamily::ipv6);
   m->srcIpIs(v4Src);
   EXPECT_EQ(m->af(), Knet::AddressFamily::ipv4);
