@@ -1,11 +1,12 @@
-// The sorted containers the join/prune tree is built on, the flag bytes and the interface
-// boundary. The tree itself is tested through the codec, which fills and drains it.
+// The sorted set the join/prune tree is built on, the flag bytes and the interface boundary. The
+// tree and its maps are tested through the codec, which fills and drains them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "PimData/IntfBoundary.h"
@@ -24,48 +25,9 @@ class FlatSetStorage : public ::testing::Test {};
 using SetStorages = ::testing::Types<Loom::FlatSet<int>, Loom::FlatSet<int, 1>, Loom::FlatSet<int, 3>>;
 TYPED_TEST_SUITE(FlatSetStorage, SetStorages);
 
-TYPED_TEST(FlatSetStorage, OrderLookupAndErase) {
-  TypeParam s;
-  for (int k : {5, 1, 9, 3, 9, 7}) s.insert(k);
-  EXPECT_EQ(std::vector<int>(s.begin(), s.end()), (std::vector<int>{1, 3, 5, 7, 9}));
-  EXPECT_EQ(*s.lowerBound(4), 5);
-  EXPECT_EQ(*s.lowerBound(5), 5);
-  EXPECT_EQ(s.lowerBound(10), s.end());
-  EXPECT_FALSE(s.insert(3));
-  EXPECT_TRUE(s.erase(3));
-  EXPECT_FALSE(s.erase(3));
-  s.eraseSorted({0, 1, 8, 9, 11});
-  EXPECT_EQ(std::vector<int>(s.begin(), s.end()), (std::vector<int>{5, 7}));
-  TypeParam copy = s;
-  s.insert(6);
-  EXPECT_EQ(std::vector<int>(copy.begin(), copy.end()), (std::vector<int>{5, 7})) << "a copy shares storage";
-  TypeParam moved = std::move(s);
-  EXPECT_EQ(std::vector<int>(moved.begin(), moved.end()), (std::vector<int>{5, 6, 7}));
-}
-
-TEST(FlatContainers, MapOrderLookupAndErase) {
-  Loom::FlatMap<int, std::string> m;
-  int made = 0;
-  auto make = [&] { return "v" + std::to_string(++made); };
-  for (int k : {4, 2, 8}) m.findOrInsert(k, make);
-  EXPECT_EQ(m.findOrInsert(2, make), "v2");
-  EXPECT_EQ(made, 3) << "a present key was made again";
-  std::vector<int> keys;
-  for (const auto& [k, v] : m) keys.push_back(k);
-  EXPECT_EQ(keys, (std::vector<int>{2, 4, 8}));
-  EXPECT_EQ(m.lowerBound(5)->first, 8);
-  EXPECT_EQ(m.find(5), m.end());
-  m[6] = "six";
-  EXPECT_EQ(m.find(6)->second, "six");
-  EXPECT_TRUE(m.erase(4));
-  EXPECT_FALSE(m.erase(4));
-  m.eraseSorted({2, 3, 6});
-  ASSERT_EQ(m.size(), 1u);
-  EXPECT_EQ(m.begin()->first, 8);
-}
-
 // The encoder deletes the entries it wrote with a range erase; a removed prefix only moves the
-// start of the set. Whatever the set does inside, what it holds must be as if erased one by one.
+// start of the set. Whatever the set does inside, what it holds must be as if erased one by one;
+// after each case every key is looked up, inserted and erased.
 TYPED_TEST(FlatSetStorage, RangeErase) {
   using Set = TypeParam;
   struct Case {
@@ -80,6 +42,7 @@ TYPED_TEST(FlatSetStorage, RangeErase) {
   auto even = [](const int& k) { return k % 2 == 0; };
   auto nothing = [](Set&) {};
   const Case cases[] = {
+      {"keys out of order, twice", {5, 1, 9, 3, 9, 7}, 0, 0, all, [](Set& s) { s.eraseSorted({0, 1, 8, 9, 11}); }, {3, 5, 7}},
       {"prefix, then a key at the end", {1, 2, 3, 4, 5, 6}, 0, 2, all, [](Set& s) { s.insert(9); }, {3, 4, 5, 6, 9}},
       {"prefix, then erase", {1, 2, 3, 4, 5, 6}, 0, 2, all, [](Set& s) { s.erase(2), s.erase(5); }, {3, 4, 6}},
       {"prefix, then a sorted erase", {1, 2, 3, 4, 5, 6}, 0, 2, all, [](Set& s) { s.eraseSorted({1, 3, 6}); }, {4, 5}},
@@ -117,63 +80,37 @@ TYPED_TEST(FlatSetStorage, RangeErase) {
   }
 }
 
+// Group flag texts are in the message text tests.
 TEST(PimFlags, EntryKindsAndText) {
-  struct Case {
-    U8 value;
-    bool starG, sgRpt, sg;
-    const char* text;
+  const std::tuple<U8, const char*, const char*> cases[] = {  // flags, entry kind, text
+      {0x07, "*G", "0x07(S,W,R)"}, {0x03, "*G", "0x03(W,R)"}, {0x05, "SGrpt", "0x05(S,R)"}, {0x01, "SGrpt", "0x01(R)"},
+      {0x04, "SG", "0x04(S)"},     {0x00, "SG", "0x00"},      {0x06, "", "0x06(S,W)"},  // WC without RPT: no kind
   };
-  const Case cases[] = {
-      {0x07, true, false, false, "0x07(S,W,R)"}, {0x03, true, false, false, "0x03(W,R)"},
-      {0x05, false, true, false, "0x05(S,R)"},   {0x01, false, true, false, "0x01(R)"},
-      {0x04, false, false, true, "0x04(S)"},     {0x00, false, false, true, "0x00"},
-      {0x06, false, false, false, "0x06(S,W)"},  // WC without RPT is no kind at all
-  };
-  for (const Case& c : cases) {
-    const SourceFlags f(c.value);
-    EXPECT_EQ(f.isStarG(), c.starG) << int(c.value);
-    EXPECT_EQ(f.isSgRpt(), c.sgRpt) << int(c.value);
-    EXPECT_EQ(f.isSg(), c.sg) << int(c.value);
+  for (const auto& [value, kind, str] : cases) {
+    const SourceFlags f(value);
+    EXPECT_EQ(std::string(f.isStarG() ? "*G" : "") + (f.isSgRpt() ? "SGrpt" : "") + (f.isSg() ? "SG" : ""), kind) << str;
     std::ostringstream os;
     os << f;
-    EXPECT_EQ(os.str(), c.text);
+    EXPECT_EQ(os.str(), str);
   }
-  std::ostringstream os;
-  os << GroupFlags(0x81) << " " << GroupFlags(0x00);
-  EXPECT_EQ(os.str(), "0x81(B,Z) 0x00");
   EXPECT_FALSE(GroupFlags(0x80).zone());
   EXPECT_FALSE(GroupFlags(0x7f).bidir());
 }
 
 TEST(IntfBoundary, FirstMatchingRuleDecides) {
-  struct Rule {
-    const char* prefix;
-    bool permit;
+  const std::tuple<std::vector<std::pair<const char*, bool>>, const char*, bool> cases[] = {
+      {{}, "225.1.1.1", false},                                                // no rules: no boundary
+      {{{"225.1.1.0/24", true}, {"225.0.0.0/8", false}}, "225.1.1.5", false},  // a permit before a wider deny
+      {{{"0.0.0.0/0", true}}, "ff0e::1", true},  // an IPv4 rule never holds an IPv6 group
   };
-  struct Case {
-    const char* name;
-    std::vector<Rule> rules;
-    const char* group;
-    bool filtered;
-  };
-  const Case cases[] = {
-      {"no rules: no boundary", {}, "225.1.1.1", false},
-      {"denied range", {{"225.1.1.0/24", false}, {"224.0.0.0/4", true}}, "225.1.1.1", true},
-      {"permit before a wider deny", {{"225.1.1.0/24", true}, {"225.0.0.0/8", false}}, "225.1.1.5", false},
-      {"the wider deny", {{"225.1.1.0/24", true}, {"225.0.0.0/8", false}}, "225.2.1.1", true},
-      {"deny before a wider permit wins", {{"225.1.1.1/32", false}, {"225.1.1.0/24", true}}, "225.1.1.1", true},
-      {"implicit deny", {{"239.0.0.0/8", true}}, "225.1.1.1", true},
-      {"IPv6 denied", {{"ff0e::/16", false}, {"ff00::/8", true}}, "ff0e::1", true},
-      {"an IPv4 rule never holds an IPv6 group", {{"0.0.0.0/0", true}}, "ff0e::1", true},
-  };
-  for (const Case& c : cases) {
+  for (const auto& [rules, group, filtered] : cases) {
     auto b = Boundary::intfBoundaryFactory();
-    for (const Rule& r : c.rules) b->ruleIs(prefix(r.prefix), r.permit);
-    EXPECT_EQ(b->filtered(ip(c.group)), c.filtered) << c.name;
+    for (const auto& [p, permit] : rules) b->ruleIs(prefix(p), permit);
+    EXPECT_EQ(b->filtered(ip(group)), filtered) << group;
   }
   auto b = Boundary::intfBoundaryFactory();
   b->ruleIs(prefix("239.0.0.0/8"), true);
-  EXPECT_TRUE(b->filtered(ip("225.1.1.1")));
+  EXPECT_TRUE(b->filtered(ip("225.1.1.1"))) << "implicit deny";
   b->ruleDelAll();
   EXPECT_FALSE(b->filtered(ip("225.1.1.1"))) << "removing every rule removes the boundary";
 }

@@ -21,21 +21,18 @@ struct Encoded {
   Encoded(Kind k, const Knet::IpGenPrefix& prefix = {}, U8 flags = 0) : kind(k) {
     if (!prefix.address().isSet()) return;
     u.addressIs(prefix.address());
-    g.prefixIs(prefix);
-    g.flagsIs(GroupFlags(flags));
-    s.prefixIs(prefix);
-    s.flagsIs(SourceFlags(flags));
+    g.prefixIs(prefix), g.flagsIs(GroupFlags(flags));
+    s.prefixIs(prefix), s.flagsIs(SourceFlags(flags));
   }
+  auto on(auto f) { return kind == Kind::unicast ? f(u) : kind == Kind::group ? f(g) : f(s); }
+  bool valid() { return on([](auto& a) { return a.valid(); }); }
   U32 read(const Bytes& b) {
-    return kind == Kind::unicast ? u.readUnicastAddress(pkt(b), 0)
-           : kind == Kind::group ? g.readGroupAddress(pkt(b), 0)
-                                 : s.readSourceAddress(pkt(b), 0);
+    Knet::PktReader r(pkt(b), 0);
+    return on([&](auto& a) { return a.read(r); });
   }
-  bool valid() const { return kind == Kind::unicast ? u.valid() : kind == Kind::group ? g.valid() : s.valid(); }
   U32 write(const Loom::Ptr<Knet::Pkt>& p) {
-    return kind == Kind::unicast ? u.writeUnicastAddress(p, 0)
-           : kind == Kind::group ? g.writeGroupAddress(p, 0)
-                                 : s.writeSourceAddress(p, 0);
+    Knet::PktWriter w(p, 0);
+    return on([&](auto& a) { return a.write(w); });
   }
   // What was read: the address, or the prefix and the flags.
   std::string value() const {
@@ -60,6 +57,8 @@ TEST(EncodedAddress, ReadTable) {
       {Kind::unicast, concat({{0x02, 0x00}, v6Bytes}), 18, "", "2001:db8::1"},
       {Kind::unicast, {0x01}, 0,
        "Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: 1 Expected: 2", ""},
+      {Kind::unicast, concat({{0x02, 0x00}, Bytes(15)}), 0,
+       "Invalid Encoded Unicast Address - Ip6 Address Length - Remaining: 15 Expected: 16", ""},
       {Kind::group, {0x01, 0x00, 0x80, 32, 224, 1, 1, 1}, 8, "", "224.1.1.1/32 128"},
       {Kind::group, {0x01, 0x00, 0x00, 32, 224, 1, 1}, 0, group + "Ip Address Length - Remaining: 3 Expected: 4", ""},
       {Kind::group, {0x09, 0x00, 0x00, 32, 224, 1, 1, 1}, 0, group + "Invalid Family - Value: \x09", ""},
@@ -76,25 +75,23 @@ TEST(EncodedAddress, ReadTable) {
     Encoded a(c.kind);
     EXPECT_EQ(a.read(c.bytes), c.count) << c.error;
     EXPECT_EQ(firstError(cap), c.error);
-    if (!c.value.empty()) EXPECT_EQ(a.value(), c.value);
+    EXPECT_TRUE(c.value.empty() || a.value() == c.value) << a.value();
   }
 }
 
 TEST(EncodedAddress, ValidTable) {
   const std::string unset = "Unsupported Address Family - Address Family: ipUnknown(0)";
-  const std::pair<Kind, std::string> cases[] = {
-      {Kind::unicast, "Invalid Encoded Unicast Address - " + unset},
-      {Kind::group, group + unset},
-      {Kind::source, group + unset},  // the source test reports an unknown family with the group's words
+  const std::tuple<Kind, Knet::IpGenPrefix, std::string> cases[] = {
+      {Kind::unicast, {}, "Invalid Encoded Unicast Address - " + unset},
+      {Kind::unicast, {ip("ff02::d"), 128}, "Invalid Encoded Unicast Address - Not Unicast - Address: ff02::d"},
+      {Kind::group, {}, group + unset},
+      {Kind::source, {}, group + unset},  // the source test reports an unknown family with the group's words
   };
-  for (const auto& [kind, error] : cases) {
+  for (const auto& [kind, prefix, error] : cases) {
     Loom::TraceCapture cap(1);
-    EXPECT_FALSE(Encoded(kind).valid()) << error;
+    EXPECT_FALSE(Encoded(kind, prefix).valid()) << error;
     EXPECT_EQ(firstError(cap), error);
   }
-  Loom::TraceCapture cap(1);
-  EXPECT_FALSE(Encoded(Kind::unicast, {ip("ff02::d"), 128}).valid());
-  EXPECT_EQ(firstError(cap), "Invalid Encoded Unicast Address - Not Unicast - Address: ff02::d");
 }
 
 TEST(EncodedAddress, WriteTable) {
