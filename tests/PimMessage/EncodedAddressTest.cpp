@@ -42,7 +42,6 @@ struct Encoded {
   }
 };
 
-const Bytes v6Bytes = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};  // 2001:db8::1
 const std::string group = "Invalid Encoded Group Address - ", source = "Invalid Encoded Source Address - ";
 
 TEST(EncodedAddress, ReadTable) {
@@ -54,7 +53,7 @@ TEST(EncodedAddress, ReadTable) {
     std::string value;  // what was read, "" when not checked
   };
   const Case cases[] = {
-      {Kind::unicast, concat({{0x02, 0x00}, v6Bytes}), 18, "", "2001:db8::1"},
+      {Kind::unicast, concat({{0x02, 0x00, 0x20, 0x01, 0x0d, 0xb8}, Bytes(11), {0x01}}), 18, "", "2001:db8::1"},
       {Kind::unicast, {0x01}, 0,
        "Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: 1 Expected: 2", ""},
       {Kind::unicast, concat({{0x02, 0x00}, Bytes(15)}), 0,

@@ -17,8 +17,6 @@ namespace Routing::Pim::Packet {
 namespace {
 
 using namespace PimTest;
-using Routing::Pim::GroupFlags;
-using Routing::Pim::SourceFlags;
 
 template <class M>
 Loom::Ptr<M> outer(Loom::Ptr<M> m, const char* src, const char* dst) {
@@ -149,6 +147,9 @@ TEST(MessageText, ValueRenderers) {
   EXPECT_EQ(both(RegisterImplFlags(0xc0000001)), "0xc0000001(B,N) 0xc0000001(B,N)");
   EXPECT_EQ(both(RegisterImplFlags(0)), "0x00000000 0x00000000");
   EXPECT_EQ(both(AssertMetricPreference(2147483647)), "2147483647 2147483647");
+  const std::string report = "Value('Routing::Pim::Packet::JoinPruneMessage::Report', ** {'processed': 1, 'suppressed': "
+                             "2, 'filtered': 3})";
+  EXPECT_EQ(both(JoinPruneMessage::Report{1, 2, 3}), report + " " + report);
 }
 
 // After a Hello with the LAN prune delay option, later booleans on the stream are words.
