@@ -27,7 +27,8 @@ struct Encoded {
   auto on(auto f) { return kind == Kind::unicast ? f(u) : kind == Kind::group ? f(g) : f(s); }
   bool valid() { return on([](auto& a) { return a.valid(); }); }
   U32 read(const Bytes& b) {
-    Knet::PktReader r(pkt(b), 0);
+    const Loom::Ptr<Knet::Pkt> p = pkt(b);  // the reader does not own the bytes
+    Knet::PktReader r(p, 0);
     return on([&](auto& a) { return a.read(r); });
   }
   U32 write(const Loom::Ptr<Knet::Pkt>& p) {
