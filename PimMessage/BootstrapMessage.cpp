@@ -81,34 +81,6 @@ class RangeIndex {
   Loom::SmallVector<const BootstrapGroupData*, 32> ranges_;
 };
 
-// The decoder's fast paths: an encoded unicast address or group range of the message's family
-// in the native encoding, which the checks behind a full read would accept (a unicast address;
-// a multicast range of a valid mask length). They read it and return its size, or return 0 and
-// read nothing for anything else, which the full read then takes with its checks and texts.
-[[gnu::always_inline]] inline U32 readPlainUnicast(Knet::PktReader& r, Knet::AddressFamily af, Knet::IpGenAddr& out) {
-  const U32 width = af == Knet::AddressFamily::ipv4 ? 4 : 16;
-  if (!r.fits(2 + width)) return 0;
-  const U8* p = r.data() + r.offset();
-  if (p[0] != static_cast<U8>(af) || p[1] != defaultEncoding) return 0;
-  const Knet::IpGenAddr a = Knet::IpGenAddr::fromBytes(af, p + 2);
-  if (a.isMulticast()) return 0;
-  out = a;
-  return r.skip(2 + width) ? 2 + width : 0;
-}
-
-[[gnu::always_inline]] inline U32 readPlainGroup(Knet::PktReader& r, Knet::AddressFamily af, Knet::IpGenAddr& address, U8& length, U8& flags) {
-  const U32 width = af == Knet::AddressFamily::ipv4 ? 4 : 16;
-  if (!r.fits(4 + width)) return 0;
-  const U8* p = r.data() + r.offset();
-  if (p[0] != static_cast<U8>(af) || p[1] != defaultEncoding || p[3] > Knet::IpGenPrefix::maxLength(af)) return 0;
-  const Knet::IpGenAddr a = Knet::IpGenAddr::fromBytes(af, p + 4);
-  if (!a.isMulticast()) return 0;
-  address = a;
-  length = p[3];
-  flags = p[2];
-  return r.skip(4 + width) ? 4 + width : 0;
-}
-
 }  // namespace
 
 std::string_view textOf(BootstrapText row) { return texts[static_cast<size_t>(row)].text; }
@@ -148,7 +120,7 @@ U32 BootstrapMessage::readBootstrapMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
 
   const Knet::AddressFamily family = af();
   Knet::IpGenAddr bsrAddress;
-  if (readPlainUnicast(r, family, bsrAddress) == 0) {
+  if (EncodedUnicastAddress::readValidUnicast(r, family, bsrAddress) == 0) {
     EncodedUnicastAddress bsr;
     if (bsr.read(r) == 0) {
       failureIs(bsr.failure());
@@ -186,7 +158,7 @@ bool BootstrapMessage::readGroups(Knet::PktReader& r, BootstrapOptionalData& dat
     Knet::IpGenAddr address;
     U8 length = 0;
     U8 flags = 0;
-    if (readPlainGroup(r, family, address, length, flags) == 0) {
+    if (EncodedGroupAddress::readValidRange(r, family, address, length, flags) == 0) {
       EncodedGroupAddress enc;
       if (enc.read(r) == 0) {
         failureIs(enc.failure());
@@ -224,7 +196,7 @@ bool BootstrapMessage::readGroups(Knet::PktReader& r, BootstrapOptionalData& dat
     group->rpListReserve(rpCount);
     for (U32 i = 0; i < rpCount; ++i) {
       Knet::IpGenAddr address;
-      if (readPlainUnicast(r, family, address) == 0) {
+      if (EncodedUnicastAddress::readValidUnicast(r, family, address) == 0) {
         EncodedUnicastAddress enc;
         if (enc.read(r) == 0) {
           failureIs(enc.failure());

@@ -89,6 +89,21 @@ class EncodedUnicastAddress : public Loom::Entity, public FailureRecord {
 
   U32 read(Knet::PktReader& r);
   U32 write(Knet::PktWriter& w);
+
+  // The fast path of decoders: reads the encoding under the cursor if it is a unicast address of
+  // the family in the native encoding (what read() and valid() accept) and returns its size.
+  // Returns 0 and reads nothing for anything else, which read() then takes with its texts.
+  [[gnu::always_inline]] static U32 readValidUnicast(Knet::PktReader& r, Knet::AddressFamily af, Knet::IpGenAddr& out) {
+    const U32 width = af == Knet::AddressFamily::ipv4 ? 4 : 16;
+    if (!r.fits(2 + width)) return 0;
+    const U8* p = r.data() + r.offset();
+    if (p[0] != static_cast<U8>(af) || p[1] != defaultEncoding) return 0;
+    const Knet::IpGenAddr a = Knet::IpGenAddr::fromBytes(af, p + 2);
+    if (a.isMulticast()) return 0;
+    out = a;
+    return r.skip(2 + width) ? 2 + width : 0;
+  }
+
   U32 readUnicastAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
   U32 writeUnicastAddress(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset);
   bool valid() const;
@@ -134,6 +149,21 @@ class EncodedGroupAddress : public Loom::Entity, public FailureRecord {
     if (!a.isMulticast()) return 0;
     out.address = a;
     out.flags = GroupFlags(p[2]);
+    return r.skip(4 + width) ? 4 + width : 0;
+  }
+
+  // The same for a multicast range of any valid mask length (a Bootstrap's group ranges).
+  [[gnu::always_inline]] static U32 readValidRange(Knet::PktReader& r, Knet::AddressFamily af, Knet::IpGenAddr& address,
+                                                   U8& length, U8& flags) {
+    const U32 width = af == Knet::AddressFamily::ipv4 ? 4 : 16;
+    if (!r.fits(4 + width)) return 0;
+    const U8* p = r.data() + r.offset();
+    if (p[0] != static_cast<U8>(af) || p[1] != defaultEncoding || p[3] > Knet::IpGenPrefix::maxLength(af)) return 0;
+    const Knet::IpGenAddr a = Knet::IpGenAddr::fromBytes(af, p + 4);
+    if (!a.isMulticast()) return 0;
+    address = a;
+    length = p[3];
+    flags = p[2];
     return r.skip(4 + width) ? 4 + width : 0;
   }
 
