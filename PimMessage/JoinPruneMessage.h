@@ -4,7 +4,6 @@
 // packs as much of a tree as fits one packet of the interface MTU, leaves a bookmark where it
 // stopped, suppresses joins in periodic messages and deletes what it wrote from a triggered tree.
 // Both filter groups by the interface's multicast boundary and by bidirectional mode.
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -114,8 +113,6 @@ Loom::Ptr<JoinPruneMessage> joinPruneMessageFactory();
 std::ostream& operator<<(std::ostream& os, const JoinPruneMessage* m);
 std::ostream& operator<<(std::ostream& os, const JoinPruneMessage::Report& r);
 std::string valueToStrep(const JoinPruneMessage::Report& r);
-// The report from its text form; nullopt when the text is not one.
-std::optional<JoinPruneMessage::Report> reportFromStrep(std::string_view text);
 
 std::ostream& operator<<(std::ostream& os, const JoinPruneData* d);
 std::ostream& operator<<(std::ostream& os, const JoinPruneGroupData* g);

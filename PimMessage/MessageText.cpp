@@ -362,21 +362,4 @@ std::string valueToStrep(const JoinPruneMessage::Report& r) {
 
 std::ostream& operator<<(std::ostream& os, const JoinPruneMessage::Report& r) { return os << valueToStrep(r); }
 
-std::optional<JoinPruneMessage::Report> reportFromStrep(std::string_view text) {
-  JoinPruneMessage::Report r;
-  auto number = [&](std::string_view before, U32& out) {
-    if (!text.starts_with(before)) return false;
-    text.remove_prefix(before.size());
-    auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
-    if (ec != std::errc()) return false;
-    text.remove_prefix(static_cast<size_t>(p - text.data()));
-    return true;
-  };
-  if (number(reportPrefix, r.processed) && number(", 'suppressed': ", r.suppressed) &&
-      number(", 'filtered': ", r.filtered) && text == "})") {
-    return r;
-  }
-  return std::nullopt;
-}
-
 }  // namespace Routing::Pim::Packet

@@ -863,19 +863,5 @@ TEST(JoinPruneWrite, GroupFilters) {
   }
 }
 
-// The report's text form reads back; other texts are refused.
-TEST(JoinPruneMessage, ReportTextForm) {
-  const Report r{7, 2, 3};
-  EXPECT_EQ(r.skipped(), 5u);
-  const std::string good =
-      "Value('Routing::Pim::Packet::JoinPruneMessage::Report', ** {'processed': 7, 'suppressed': 2, 'filtered': 3})";
-  ASSERT_TRUE(reportFromStrep(good).has_value());
-  EXPECT_EQ(*reportFromStrep(good), r);
-  for (const std::string& bad : {std::string(), good.substr(0, good.find(", 'suppressed'")) + "})",
-                                good.substr(0, good.find("7")) + "x" + good.substr(good.find("7") + 1), good + " "}) {
-    EXPECT_FALSE(reportFromStrep(bad).has_value()) << bad;
-  }
-}
-
 }  // namespace
 }  // namespace Routing::Pim::Packet

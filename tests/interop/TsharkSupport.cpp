@@ -1,18 +1,13 @@
 #include "TsharkSupport.h"
 
 #include <pcap/pcap.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 
 #include "knet/IpHdr.h"
 #include "knet/PimHdr.h"
+#include "tests/tools/CliTestSupport.h"
 
 namespace TsharkTest {
 
@@ -57,31 +52,6 @@ std::vector<Json> occurrences(const Json& j) {
   return {j};
 }
 
-std::string findOnPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::stringstream dirs(path ? path : "");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    const std::string candidate = (dir.empty() ? "." : dir) + "/" + program;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return {};
-}
-
-bool underCi() {
-  const char* ci = std::getenv("CI");
-  return ci && std::string(ci) == "true";
-}
-
-namespace {
-
-std::string shellQuoted(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-}  // namespace
-
 void Dissection::remove() {
   if (!dir.empty()) std::filesystem::remove_all(dir);
   dir.clear();
@@ -95,45 +65,21 @@ Dissection dissect(const std::string& tshark, const std::vector<std::vector<U8>>
     return d;
   }
   d.dir = dir;
-  const std::string pcapPath = dir + "/frames.pcap";
-  pcap_t* dead = pcap_open_dead(DLT_EN10MB, 65535);
-  pcap_dumper_t* dumper = dead ? pcap_dump_open(dead, pcapPath.c_str()) : nullptr;
-  if (!dumper) {
-    d.error = "cannot write " + pcapPath + (dead ? std::string(": ") + pcap_geterr(dead) : std::string());
-    if (dead) pcap_close(dead);
-    return d;
-  }
-  for (size_t i = 0; i < frames.size(); ++i) {
-    pcap_pkthdr h{};
-    h.ts.tv_sec = static_cast<time_t>(i);
-    h.caplen = h.len = static_cast<bpf_u_int32>(frames[i].size());
-    pcap_dump(reinterpret_cast<u_char*>(dumper), &h, frames[i].data());
-  }
-  pcap_dump_close(dumper);
-  pcap_close(dead);
-
+  std::vector<PimioTest::CapturedFrame> captured;
+  for (const auto& f : frames) captured.push_back({f});
+  PimioTest::writeCapture(dir + "/frames.pcap", DLT_EN10MB, captured);
   // -n: no name lookups; ip.check_checksum: tshark verifies the IPv4 header checksum only on
   // request (it always verifies PIM's).
-  const std::string errPath = dir + "/tshark.err";
-  const std::string command = shellQuoted(tshark) + " -n -r " + shellQuoted(pcapPath) +
-                              " -T json --no-duplicate-keys -o ip.check_checksum:TRUE 2>" + shellQuoted(errPath);
-  std::string out;
-  FILE* p = ::popen(command.c_str(), "r");
-  if (!p) {
-    d.error = "cannot run " + command;
+  const PimioTest::RunResult r = PimioTest::sh(dir, PimioTest::quoted(tshark) + " -n -r " +
+                                                        PimioTest::quoted(dir + "/frames.pcap") +
+                                                        " -T json --no-duplicate-keys -o ip.check_checksum:TRUE");
+  if (r.status != 0) {
+    d.error = "tshark failed: " + r.err;
     return d;
   }
-  char buf[65536];
-  for (size_t n; (n = std::fread(buf, 1, sizeof(buf), p)) > 0;) out.append(buf, n);
-  const int status = ::pclose(p);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::ifstream err(errPath);
-    d.error = command + " failed: " + std::string(std::istreambuf_iterator<char>(err), {});
-    return d;
-  }
-  d.packets = Json::parse(out, nullptr, false);
+  d.packets = Json::parse(r.out, nullptr, false);
   if (!d.packets.is_array() || d.packets.size() != frames.size()) {
-    d.error = "tshark's output is not one JSON object per packet:\n" + out.substr(0, 2000);
+    d.error = "tshark's output is not one JSON object per packet:\n" + r.out.substr(0, 2000);
   }
   return d;
 }

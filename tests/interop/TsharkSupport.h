@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "knet/Address.h"
+#include "tests/tools/CliTestSupport.h"
 
 namespace TsharkTest {
 
@@ -22,9 +23,6 @@ std::vector<U8> frame(Knet::AddressFamily af, const Knet::IpGenAddr& src, const 
 const Json& child(const Json& j, const std::string& key);
 // With --no-duplicate-keys a field that occurs once is a value and one that repeats an array.
 std::vector<Json> occurrences(const Json& j);
-
-std::string findOnPath(const std::string& program);
-bool underCi();
 
 // One run of tshark over a capture of the frames, in a temporary directory of its own.
 struct Dissection {
@@ -41,6 +39,7 @@ Dissection dissect(const std::string& tshark, const std::vector<std::vector<U8>>
 template <class Encoded>
 class OracleTest : public testing::TestWithParam<size_t> {
  protected:
+  static void findTshark() { tshark_ = PimioTest::haveProgram("tshark") ? "tshark" : ""; }
   static void dissectFrames(const std::vector<std::vector<U8>>& frames) {
     dissection_ = dissect(tshark_, frames);
     error_ = dissection_.error;
@@ -53,7 +52,7 @@ class OracleTest : public testing::TestWithParam<size_t> {
 
   void SetUp() override {
     if (tshark_.empty()) {
-      if (underCi()) FAIL() << "tshark is not on the PATH; CI needs it for the oracle test";
+      if (PimioTest::underCi()) FAIL() << "tshark is not on the PATH; CI needs it for the oracle test";
       GTEST_SKIP() << "tshark is not on the PATH (install the tshark package to run the oracle test)";
     }
     ASSERT_TRUE(error_.empty()) << error_;

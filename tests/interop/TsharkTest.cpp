@@ -1,27 +1,20 @@
 // tshark as an independent oracle for the codec. Messages of every kind in both families are
-// written by the codec's table, framed as the transmit path sends them, written to one pcap and
-// dissected once by `tshark -T json`: tshark must show every field as it was encoded, and find
-// the checksums good, or bad where one was spoiled. Join/Prune trees too big for one packet go
-// out packet after packet, and together the packets must carry the tree.
+// written by `pimio encode` from JSON lines (the codec, framed as the transmit path sends them) and
+// dissected once by `tshark -T json`: tshark must show every field as it was encoded, and find the
+// checksums good, or bad where one was spoiled. Join/Prune trees too big for one packet go out
+// packet after packet, and together the packets must carry the tree.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <functional>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "PimMessage/AssertMessage.h"
-#include "PimMessage/BootstrapMessage.h"
-#include "PimMessage/CrpAdvMessage.h"
-#include "PimMessage/DfElectionMessage.h"
-#include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
-#include "PimMessage/MessageTable.h"
-#include "PimMessage/RegisterMessage.h"
 #include "TsharkSupport.h"
-#include "knet/IpHdr.h"
 
 namespace {
 
@@ -29,7 +22,6 @@ using namespace TsharkTest;
 using namespace Routing::Pim::Packet;
 using Knet::AddressFamily;
 using Knet::IpGenAddr;
-using Routing::Pim::GroupFlags;
 using Routing::Pim::JoinPruneData;
 using Routing::Pim::JoinPruneGroupData;
 using Bytes = std::vector<U8>;
@@ -68,231 +60,148 @@ using Fields = std::vector<std::pair<std::string, std::string>>;
 
 struct Case {
   const char* name;
-  Knet::PimMessageType type;
-  U8 subtype;  // DF election's; noSubtype for the others
-  bool v6;
+  int pimType;
   const char* src;
-  const char* dst;  // null: ALL-PIM-ROUTERS
-  std::function<void(Message&)> fill;
-  Fields fields;  // what tshark must show: a field and all its values in order
+  const char* dst;      // null: ALL-PIM-ROUTERS
+  std::string members;  // of the JSON line, behind family, addresses and type
+  Fields fields;        // what tshark must show: a field and all its values in order
   bool badChecksum = false;
 };
 
-void hello(Message& m, U16 holdtime, bool tBit, U16 delay, U16 override, U32 drPriority, U32 generationId,
-           std::vector<const char*> secondary) {
-  auto& h = static_cast<HelloMessage&>(m);
-  h.holdTimeOptionIs(true);
-  h.holdTimeIs(holdtime);
-  h.lanPruneDelayOptionIs(true);
-  h.tBitIs(tBit);
-  h.propagationDelayIs(HelloPropagationDelay(delay));
-  h.overrideIntervalIs(override);
-  h.drPriorityOptionIs(true);
-  h.drPriorityIs(drPriority);
-  h.generationIdOptionIs(true);
-  h.generationIdIs(generationId);
-  for (const char* a : secondary) h.secondaryAddrIs(addr(a));
+// The members of a Hello with holdtime, LAN prune delay, DR priority, generation id and addresses.
+std::string hello(int holdtime, bool tBit, int delay, int override, U32 dr, U32 generationId, const std::string& addrs) {
+  std::ostringstream os;
+  os << std::boolalpha << R"("holdTimeOption":true,"holdTime":)" << holdtime << R"(,"lanPruneDelayOption":true,"tBit":)" << tBit
+     << R"(,"propagationDelay":)" << delay << R"(,"overrideInterval":)" << override
+     << R"(,"drPriorityOption":true,"drPriority":)" << dr << R"(,"generationIdOption":true,"generationId":)"
+     << generationId << R"(,"secondaryAddr":[)" << addrs << "]";
+  return os.str();
 }
 // Every other option: bidirectional capable, TCP and SCTP connection ids, interface id.
-void helloRest(Message& m, const char* tcp, const char* sctp) {
-  auto& h = static_cast<HelloMessage&>(m);
-  h.bidirectionalCapableIs(true);
-  h.tcpConnectionOptionIs(true);
-  h.tcpConnectionIdIs(addr(tcp));
-  h.sctpConnectionOptionIs(true);
-  h.sctpConnectionIdIs(addr(sctp));
-  h.interfaceIdOptionIs(true);
-  h.routerIdIs(0xc0a80101);
-  h.interfaceIdIs(0x00010203);
+std::string helloRest(const std::string& tcp, const std::string& sctp) {
+  return R"(,"bidirectionalCapable":true,"tcpConnectionOption":true,"tcpConnectionId":")" + tcp +
+         R"(","sctpConnectionOption":true,"sctpConnectionId":")" + sctp +
+         R"(","interfaceIdOption":true,"routerId":3232235777,"interfaceId":66051)";
 }
-void registerMessage(Message& m, bool border, bool null, const char* source, const char* group) {
-  auto& r = static_cast<RegisterMessage&>(m);
-  r.borderFlagIs(border);
-  r.nullFlagIs(null);
-  if (null) {
-    r.encapsulatedSrcIs(addr(source));
-    r.encapsulatedDstIs(addr(group));
-    return;
-  }
-  // A UDP packet with a 5-byte payload.
-  const IpGenAddr s = addr(source), g = addr(group);
-  Bytes udp = {0x13, 0x88, 0x13, 0x88, 0x00, 0x0d, 0x00, 0x00, 'p', 'i', 'm', 'i', 'o'};
-  Bytes inner(s.af() == AddressFamily::ipv4 ? Knet::IpHdr::minSize : Knet::Ip6Hdr::size);
-  if (s.af() == AddressFamily::ipv4) {
-    Knet::IpHdr::write(inner.data(), 0, static_cast<U16>(inner.size() + udp.size()), 63, 17, s, g, 7);
-  } else {
-    Knet::Ip6Hdr::write(inner.data(), 0, static_cast<U16>(udp.size()), 17, 63, s, g);
-  }
-  inner.insert(inner.end(), udp.begin(), udp.end());
-  r.rcvdPktIs(Knet::pktFactory(inner));
+// A UDP packet with a 5-byte payload from 10.66.0.2 (2001:db8:66::2) to 239.1.2.3 (ff3e::1:2:3).
+const std::string udp = "13881388000d000070696d696f";
+const std::string inner4 = R"("inner":"45000021000740003f1100000a420002ef010203)" + udp + "\"";
+const std::string inner6 = R"("inner":"60000000000d113f20010db8006600000000000000000002ff3e0000000000000000000100020003)" +
+                           udp + "\"";
+const std::string bootstrapHead = R"("fragmentTag":258,"bsrPriority":200,)";
+const std::string crpHead = R"("priority":3,"holdtime":150,)";
+// A DF election's subtype and the sender's metric; Backoff and Pass add another router's.
+std::string df(const char* subtype, const char* rp, U32 preference, U32 metric) {
+  return R"("dfElectionType":"dfElection)" + std::string(subtype) + R"(","rpAddress":")" + rp +
+         R"(","senderMetricPreference":)" + std::to_string(preference) + R"(,"senderMetric":)" + std::to_string(metric);
 }
-template <class M>
-void groupSource(Message& m, const char* group, U8 flags, const char* source) {
-  auto& g = static_cast<M&>(m);
-  g.groupIs(addr(group));
-  g.groupFlagsIs(GroupFlags(flags));
-  g.sourceIs(addr(source));
-}
-void assertMessage(Message& m, const char* group, U8 flags, const char* source, bool rpt, U32 preference, U32 metric) {
-  groupSource<AssertMessage>(m, group, flags, source);
-  auto& a = static_cast<AssertMessage&>(m);
-  a.rptIs(rpt);
-  a.metricPreferenceIs(AssertMetricPreference(preference));
-  a.metricIs(metric);
-}
-struct Range {
-  const char* prefix;
-  U8 flags, rpCount;
-  std::vector<std::tuple<const char*, U16, U8>> rps;  // address, holdtime, priority
-};
-// Fragment tag 0x0102, priority 200.
-void bootstrap(Message& m, U8 hashMaskLen, const char* bsr, const std::vector<Range>& ranges) {
-  auto& b = static_cast<BootstrapMessage&>(m);
-  b.fragmentTagIs(0x0102);
-  b.hashMaskLenIs(hashMaskLen);
-  b.bsrPriorityIs(200);
-  b.bsrAddressIs(addr(bsr));
-  b.groupRpDataIs(bootstrapOptionalDataFactory());
-  for (const Range& r : ranges) {
-    Loom::Ptr<BootstrapGroupData> g = bootstrapGroupDataFactory(*Knet::IpGenPrefix::parse(r.prefix));
-    g->groupFlagsIs(r.flags);
-    g->rpCountIs(r.rpCount);
-    g->fragRpCountIs(static_cast<U8>(r.rps.size()));
-    for (const auto& [rp, holdtime, priority] : r.rps) {
-      auto& d = g->rpListIs(addr(rp));
-      d.holdtimeIs(holdtime);
-      d.priorityIs(priority);
-    }
-    b.groupRpData()->groupDataEnq(g);
-  }
-}
-// Priority 3, holdtime 150.
-void crpAdv(Message& m, const char* rp, const std::vector<std::pair<const char*, U8>>& ranges) {
-  auto& a = static_cast<CrpAdvMessage&>(m);
-  a.prefixCountIs(static_cast<U8>(ranges.size()));
-  a.priorityIs(3);
-  a.holdtimeIs(150);
-  a.rpAddressIs(addr(rp));
-  a.groupDataIs(crpGroupDataFactory());
-  for (const auto& [prefix, flags] : ranges) a.groupData()->groupInfoIs(*Knet::IpGenPrefix::parse(prefix)).groupFlagsIs(flags);
-}
-// The RP and the sender's metric; Backoff and Pass add another router's.
-void dfElection(Message& m, const char* rp, U32 preference, U32 metric, const char* other = nullptr) {
-  auto& d = static_cast<DfElectionMessage&>(m);
-  d.rpAddressIs(addr(rp));
-  d.senderMetricPrefIs({preference, metric});
-  if (auto* b = dynamic_cast<DfElectionBackoffMessage*>(&m)) {
-    b->offeringAddressIs(addr(other));
-    b->offeringMetricPrefIs({100, 10});
-    b->intervalIs(1000);
-  } else if (auto* p = dynamic_cast<DfElectionPassMessage*>(&m)) {
-    p->winningAddressIs(addr(other));
-    p->winningMetricPrefIs({100, 10});
-  }
-}
-
-const Knet::PimMessageType kHello = Knet::pimHello(), kRegister = Knet::pimRegister(), kStop = Knet::pimRegisterStop(),
-                           kAssert = Knet::pimAssert(), kBootstrap = Knet::pimBootstrap(),
-                           kCrpAdv = Knet::pimCandidateRpAdvertisement(), kDf = Knet::pimDfElection();
 
 const std::vector<Case>& cases() {
   static const std::vector<Case> all = {
-      {"Ipv4Hello", kHello, noSubtype, false, "10.0.0.1", nullptr,
-       [](Message& m) { hello(m, 105, false, 500, 2500, 1, 0x1badcafe, {"10.1.0.1", "10.2.0.1"}); },
+      {"Ipv4Hello", 0, "10.0.0.1", nullptr, hello(105, false, 500, 2500, 1, 0x1badcafe, R"("10.1.0.1","10.2.0.1")"),
        {{"pim.optiontype", "1 2 19 20 24"}, {"pim.optionlength", "2 4 4 4 12"}, {"pim.holdtime", "105"}, {"pim.t", "0"},
         {"pim.propagation_delay", "500"}, {"pim.override_interval", "2500"}, {"pim.dr_priority", "1"},
         {"pim.generation_id", "464374526"}, {"pim.address_list", "10.1.0.1 10.2.0.1"}, {"pim.addr_address_family", "1 1"}}},
-      {"Ipv4HelloEveryOption", kHello, noSubtype, false, "10.0.0.1", nullptr,
-       [](Message& m) {
-         hello(m, 65535, true, HelloPropagationDelay::max, 65535, 0xffffffff, 0x80000001, {"10.1.0.1", "192.168.5.9"});
-         helloRest(m, "10.0.0.9", "10.0.0.10");
-       },
+      {"Ipv4HelloEveryOption", 0, "10.0.0.1", nullptr,
+       hello(65535, true, 32767, 65535, 0xffffffff, 0x80000001, R"("10.1.0.1","192.168.5.9")") +
+           helloRest("10.0.0.9", "10.0.0.10"),
        {{"pim.optiontype", "1 2 19 20 22 24 27 28 31"}, {"pim.optionlength", "2 4 4 4 0 12 8 8 8"},
         {"pim.holdtime", "65535"}, {"pim.t", "1"}, {"pim.propagation_delay", "32767"}, {"pim.override_interval", "65535"},
         {"pim.dr_priority", "4294967295"}, {"pim.generation_id", "2147483649"}, {"pim.address_list", "10.1.0.1 192.168.5.9"},
         {"pim.optionvalue", "00:01:00:00:0a:00:00:09 00:01:00:00:0a:00:00:0a c0:a8:01:01:00:01:02:03"}}},
-      {"Ipv6HelloEveryOptionBadChecksum", kHello, noSubtype, true, "fe80::1", nullptr,
-       [](Message& m) {
-         hello(m, 0, true, 1, 0, 200, 7, {"2001:db8:1::1"});
-         helloRest(m, "2001:db8::9", "2001:db8::a");
-       },
+      {"Ipv6HelloEveryOptionBadChecksum", 0, "fe80::1", nullptr,
+       hello(0, true, 1, 0, 200, 7, R"("2001:db8:1::1")") + helloRest("2001:db8::9", "2001:db8::a"),
        {{"pim.optiontype", "1 2 19 20 22 24 27 28 31"}, {"pim.optionlength", "2 4 4 4 0 18 20 20 8"},
         {"pim.holdtime", "0"}, {"pim.propagation_delay", "1"}, {"pim.address_list_ip6", "2001:db8:1::1"},
         {"pim.addr_address_family", "2"},
         {"pim.optionvalue", "00:02:00:00:20:01:0d:b8:00:00:00:00:00:00:00:00:00:00:00:09 "
                             "00:02:00:00:20:01:0d:b8:00:00:00:00:00:00:00:00:00:00:00:0a c0:a8:01:01:00:01:02:03"}},
        true},
-      {"Ipv4DataRegisterBadChecksum", kRegister, noSubtype, false, "10.99.0.2", "10.99.0.1",
-       [](Message& m) { registerMessage(m, false, false, "10.66.0.2", "239.1.2.3"); },
+      {"Ipv4DataRegisterBadChecksum", 1, "10.99.0.2", "10.99.0.1", inner4,
        {{"pim.register_flag", "0x00000000"}, {"pim.ip_version", "4"}, {"ip.src", "10.99.0.2 10.66.0.2"},
         {"ip.dst", "10.99.0.1 239.1.2.3"}, {"ip.proto", "103 17"}, {"udp.length", "13"}}, true},
-      {"Ipv6DataRegister", kRegister, noSubtype, true, "2001:db8::2", "2001:db8::1",
-       [](Message& m) { registerMessage(m, false, false, "2001:db8:66::2", "ff3e::1:2:3"); },
+      {"Ipv6DataRegister", 1, "2001:db8::2", "2001:db8::1", inner6,
        {{"pim.register_flag", "0x00000000"}, {"pim.ip_version", "6"}, {"ipv6.src", "2001:db8::2 2001:db8:66::2"},
         {"ipv6.dst", "2001:db8::1 ff3e::1:2:3"}, {"ipv6.nxt", "103 17"}, {"udp.length", "13"}}},
       // The dummy header of a Null-Register: 20 bytes, id 1, DF, TTL 1, PIM, a checksum that verifies.
-      {"Ipv4NullRegisterWithBorderBit", kRegister, noSubtype, false, "10.99.0.2", "10.99.0.1",
-       [](Message& m) { registerMessage(m, true, true, "10.66.0.2", "239.1.2.3"); },
+      {"Ipv4NullRegisterWithBorderBit", 1, "10.99.0.2", "10.99.0.1",
+       R"("null":true,"border":true,"innerSrc":"10.66.0.2","innerGroup":"239.1.2.3")",
        {{"pim.register_flag", "0xc0000000"}, {"pim.register_flag.border", "1"}, {"pim.register_flag.null_register", "1"},
         {"ip.src", "10.99.0.2 10.66.0.2"}, {"ip.dst", "10.99.0.1 239.1.2.3"}, {"ip.len", "48 20"}, {"ip.id", "0x0000 0x0001"},
         {"ip.flags.df", "0 1"}, {"ip.ttl", "1 1"}, {"ip.proto", "103 103"}, {"ip.checksum.status", "1 1"}}},
-      {"Ipv6NullRegister", kRegister, noSubtype, true, "2001:db8::2", "2001:db8::1",
-       [](Message& m) { registerMessage(m, false, true, "2001:db8:66::2", "ff3e::1:2:3"); },
+      {"Ipv6NullRegister", 1, "2001:db8::2", "2001:db8::1",
+       R"("null":true,"innerSrc":"2001:db8:66::2","innerGroup":"ff3e::1:2:3")",
        {{"pim.register_flag", "0x40000000"}, {"ipv6.src", "2001:db8::2 2001:db8:66::2"}, {"ipv6.plen", "48 0"},
         {"ipv6.nxt", "103 103"}, {"ipv6.hlim", "1 1"}}},
-      {"Ipv4RegisterStop", kStop, noSubtype, false, "10.99.0.1", "10.99.0.2",
-       [](Message& m) { groupSource<RegisterStopMessage>(m, "239.1.2.3", 0, "10.66.0.2"); },
+      {"Ipv4RegisterStop", 2, "10.99.0.1", "10.99.0.2", R"("group":"239.1.2.3","source":"10.66.0.2")",
        {{"pim.group", "239.1.2.3"}, {"pim.source", "10.66.0.2"}, {"pim.addr_address_family", "1 1"},
         {"pim.addr_encoding_type", "0 0"}, {"pim.mask_len", "32"}, {"pim.group_addr.flags", "0x00"}}},
-      {"Ipv6WildcardRegisterStop", kStop, noSubtype, true, "2001:db8::1", "2001:db8::2",
-       [](Message& m) { groupSource<RegisterStopMessage>(m, "ff3e::1:2:3", 0, "::"); },
+      {"Ipv6WildcardRegisterStop", 2, "2001:db8::1", "2001:db8::2", R"("group":"ff3e::1:2:3","source":"::")",
        {{"pim.group_ip6", "ff3e::1:2:3"}, {"pim.source_ip6", "::"}, {"pim.addr_address_family", "2 2"}, {"pim.mask_len", "128"}}},
-      {"Ipv4Assert", kAssert, noSubtype, false, "10.99.0.3", nullptr,
-       [](Message& m) { assertMessage(m, "239.1.2.3", 0, "10.66.0.2", false, 101, 20); },
+      {"Ipv4Assert", 5, "10.99.0.3", nullptr,
+       R"("group":"239.1.2.3","source":"10.66.0.2","rpt":false,"metricPreference":101,"metric":20)",
        {{"pim.group", "239.1.2.3"}, {"pim.source", "10.66.0.2"}, {"pim.rpt", "0"}, {"pim.metric_pref", "101"},
         {"pim.metric", "20"}}},
-      {"Ipv4StarGAssertBidir", kAssert, noSubtype, false, "10.99.0.3", nullptr,
-       [](Message& m) { assertMessage(m, "239.1.2.3", 0x80, "0.0.0.0", true, 0x7fffffff, 0xffffffff); },
+      {"Ipv4StarGAssertBidir", 5, "10.99.0.3", nullptr,
+       R"("group":"239.1.2.3","groupFlags":128,"source":"0.0.0.0","rpt":true,"metricPreference":2147483647,)"
+       R"("metric":4294967295)",
        {{"pim.source", "0.0.0.0"}, {"pim.group_addr.flags.b", "1"}, {"pim.group_addr.flags.z", "0"}, {"pim.rpt", "1"},
         {"pim.metric_pref", "2147483647"}, {"pim.metric", "4294967295"}}},
-      {"Ipv6AssertBadChecksum", kAssert, noSubtype, true, "fe80::3", nullptr,
-       [](Message& m) { assertMessage(m, "ff3e::1:2:3", 0x01, "2001:db8:66::2", true, 110, 2); },
+      {"Ipv6AssertBadChecksum", 5, "fe80::3", nullptr,
+       R"("group":"ff3e::1:2:3","groupFlags":1,"source":"2001:db8:66::2","rpt":true,"metricPreference":110,"metric":2)",
        {{"pim.group_ip6", "ff3e::1:2:3"}, {"pim.source_ip6", "2001:db8:66::2"}, {"pim.group_addr.flags.z", "1"},
         {"pim.rpt", "1"}, {"pim.metric_pref", "110"}, {"pim.metric", "2"}}, true},
-      {"Ipv4Bootstrap", kBootstrap, noSubtype, false, "10.0.0.1", nullptr,
-       [](Message& m) {
-         bootstrap(m, 30, "10.0.0.1", {{"224.0.0.0/4", 0, 2, {{"10.0.0.2", 150, 192}, {"10.0.0.3", 150, 1}}},
-                                       {"239.0.0.0/8", 0x80, 3, {{"10.0.0.2", 65535, 0}}}});
-       },
+      {"Ipv4Bootstrap", 4, "10.0.0.1", nullptr,
+       bootstrapHead + R"("hashMaskLen":30,"bsrAddress":"10.0.0.1","groups":[{"prefix":"224.0.0.0/4","rpCount":2,)"
+                       R"("fragRpCount":2,"rps":[{"address":"10.0.0.2","holdtime":150,"priority":192},{"address":)"
+                       R"("10.0.0.3","holdtime":150,"priority":1}]},{"prefix":"239.0.0.0/8","groupFlags":128,"rpCount":3,)"
+                       R"("fragRpCount":1,"rps":[{"address":"10.0.0.2","holdtime":65535,"priority":0}]}])",
        {{"pim.fragment_tag", "0x0102"}, {"pim.hash_mask_len", "30"}, {"pim.bsr_priority", "200"}, {"pim.bsr", "10.0.0.1"},
         {"pim.group", "224.0.0.0 239.0.0.0"}, {"pim.mask_len", "4 8"}, {"pim.group_addr.flags", "0x00 0x80"},
         {"pim.rp_count", "2 3"}, {"pim.frp_count", "2 1"}, {"pim.rp", "10.0.0.2 10.0.0.3 10.0.0.2"},
         {"pim.holdtime", "150 150 65535"}, {"pim.priority", "192 1 0"}}},
-      {"Ipv6BootstrapAdminScope", kBootstrap, noSubtype, true, "fe80::1", nullptr,
-       [](Message& m) { bootstrap(m, 126, "2001:db8::1", {{"ff05::/16", 0x01, 1, {{"2001:db8::2", 75, 0}}}}); },
+      {"Ipv6BootstrapAdminScope", 4, "fe80::1", nullptr,
+       bootstrapHead + R"("hashMaskLen":126,"bsrAddress":"2001:db8::1","groups":[{"prefix":"ff05::/16","groupFlags":1,)"
+                       R"("rpCount":1,"fragRpCount":1,"rps":[{"address":"2001:db8::2","holdtime":75,"priority":0}]}])",
        {{"pim.hash_mask_len", "126"}, {"pim.bsr_ip6", "2001:db8::1"}, {"pim.group_ip6", "ff05::"}, {"pim.mask_len", "16"},
         {"pim.group_addr.flags", "0x01"}, {"pim.rp_ip6", "2001:db8::2"}, {"pim.holdtime", "75"}}},
-      {"Ipv4CrpAdv", kCrpAdv, noSubtype, false, "10.0.0.5", "10.0.0.1",
-       [](Message& m) { crpAdv(m, "10.0.0.5", {{"224.0.0.0/4", 0}, {"239.255.0.0/16", 0x80}}); },
+      {"Ipv4CrpAdv", 8, "10.0.0.5", "10.0.0.1",
+       crpHead + R"("prefixCount":2,"rpAddress":"10.0.0.5","ranges":[{"prefix":"224.0.0.0/4"},)"
+                 R"({"prefix":"239.255.0.0/16","groupFlags":128}])",
        {{"pim.prefix_count", "2"}, {"pim.priority", "3"}, {"pim.holdtime", "150"}, {"pim.rp", "10.0.0.5"},
         {"pim.group", "224.0.0.0 239.255.0.0"}, {"pim.mask_len", "4 16"}, {"pim.group_addr.flags", "0x00 0x80"}}},
-      {"Ipv6CrpAdv", kCrpAdv, noSubtype, true, "2001:db8::5", "2001:db8::1",
-       [](Message& m) { crpAdv(m, "2001:db8::5", {{"ff05::/16", 0x01}}); },
+      {"Ipv6CrpAdv", 8, "2001:db8::5", "2001:db8::1",
+       crpHead + R"("prefixCount":1,"rpAddress":"2001:db8::5","ranges":[{"prefix":"ff05::/16","groupFlags":1}])",
        {{"pim.prefix_count", "1"}, {"pim.rp_ip6", "2001:db8::5"}, {"pim.group_ip6", "ff05::"}, {"pim.group_addr.flags", "0x01"}}},
       // tshark shows the subtype, the RP and the sender's metric of a DF election, not the Backoff
       // and Pass extensions, whose bytes the checksum and the IP length still cover.
-      {"Ipv4DfOffer", kDf, 1, false, "10.0.0.2", nullptr, [](Message& m) { dfElection(m, "10.0.0.9", 110, 20); },
+      {"Ipv4DfOffer", 10, "10.0.0.2", nullptr, df("Offer", "10.0.0.9", 110, 20),
        {{"pim.df_elect.subtype", "1"}, {"pim.df_elect.rsvd", "0"}, {"pim.rp", "10.0.0.9"}, {"pim.metric_pref", "110"},
         {"pim.metric", "20"}, {"ip.len", "38"}}},
-      {"Ipv6DfWinner", kDf, 2, true, "fe80::2", nullptr, [](Message& m) { dfElection(m, "2001:db8::9", 0x7fffffff, 0xffffffff); },
+      {"Ipv6DfWinner", 10, "fe80::2", nullptr, df("Winner", "2001:db8::9", 0x7fffffff, 0xffffffff),
        {{"pim.df_elect.subtype", "2"}, {"pim.rp_ip6", "2001:db8::9"}, {"pim.metric_pref", "2147483647"},
         {"pim.metric", "4294967295"}, {"ipv6.plen", "30"}}},
-      {"Ipv4DfBackoff", kDf, 3, false, "10.0.0.2", nullptr, [](Message& m) { dfElection(m, "10.0.0.9", 110, 20, "10.0.0.3"); },
+      {"Ipv4DfBackoff", 10, "10.0.0.2", nullptr,
+       df("Backoff", "10.0.0.9", 110, 20) +
+           R"(,"offeringAddress":"10.0.0.3","offeringMetricPreference":100,"offeringMetric":10,"interval":1000)",
        {{"pim.df_elect.subtype", "3"}, {"pim.rp", "10.0.0.9"}, {"pim.metric", "20"}, {"ip.len", "54"}}},
-      {"Ipv6DfPass", kDf, 4, true, "fe80::2", nullptr, [](Message& m) { dfElection(m, "2001:db8::9", 1, 2, "2001:db8::3"); },
+      {"Ipv6DfPass", 10, "fe80::2", nullptr,
+       df("Pass", "2001:db8::9", 1, 2) + R"(,"winningAddress":"2001:db8::3","winningMetricPreference":100,"winningMetric":10)",
        {{"pim.df_elect.subtype", "4"}, {"pim.rp_ip6", "2001:db8::9"}, {"pim.metric_pref", "1"}, {"ipv6.plen", "56"}}},
   };
   return all;
+}
+
+const char* typeName(int pimType) {
+  switch (pimType) {
+    case 0: return "hello";
+    case 1: return "register";
+    case 2: return "registerStop";
+    case 4: return "bootstrap";
+    case 5: return "assert";
+    case 8: return "candidateRpAdv";
+    default: return "dfElection";
+  }
 }
 
 struct Encoded {
@@ -302,29 +211,33 @@ struct Encoded {
 
 class TsharkOracle : public OracleTest<Encoded> {
  protected:
+  // One JSON line per case through `pimio encode`; the frames it writes, some checksums spoiled.
   static void SetUpTestSuite() {
-    tshark_ = findOnPath("tshark");
+    findTshark();
     if (tshark_.empty()) return;
-    std::vector<Bytes> frames;
+    const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("pimio_oracle_" + std::to_string(getpid()));
+    std::filesystem::create_directories(dir);
+    std::string lines;
     for (const Case& c : cases()) {
-      const MessageClass* row = messageClass(c.type, c.subtype);
-      const AddressFamily af = c.v6 ? AddressFamily::ipv6 : AddressFamily::ipv4;
-      const IpGenAddr dst = c.dst ? addr(c.dst) : Knet::allPimRouters(af);
-      Loom::Ptr<Message> m = row->create();
-      m->srcIpIs(addr(c.src));
-      m->dstIpIs(dst);
-      c.fill(*m);
-      const Loom::Ptr<Knet::Pkt> pkt = Knet::pktFactory(1500);
-      const U32 n = row->write(*m, pkt, 0, nullptr);
-      if (n == 0) {
-        error_ = std::string("the codec did not encode case ") + c.name;
-        return;
-      }
-      Encoded e{Bytes(pkt->data(), pkt->data() + n)};
-      e.checksum = static_cast<U16>(e.pim[2] << 8 | e.pim[3]);
+      const bool v6 = std::string(c.src).find(':') != std::string::npos;
+      lines += std::string(R"({"family":)") + (v6 ? "6" : "4") + R"(,"src":")" + c.src + "\"" +
+               (c.dst ? std::string(R"(,"dst":")") + c.dst + "\"" : "") + R"(,"type":")" + typeName(c.pimType) + "\"," +
+               c.members + "}\n";
+    }
+    PimioTest::writeFile((dir / "in.jsonl").string(), lines);
+    const PimioTest::RunResult r = PimioTest::sh(dir.string(), "cd " + PimioTest::quoted(dir.string()) + " && PIMIO encode -o out.pcap in.jsonl");
+    std::vector<Bytes> frames = r.status == 0 ? PimioTest::readCapture((dir / "out.pcap").string()) : std::vector<Bytes>{};
+    std::filesystem::remove_all(dir);
+    if (frames.size() != cases().size()) {
+      error_ = "pimio encode did not encode every case: " + r.err;
+      return;
+    }
+    for (size_t i = 0; i < frames.size(); ++i) {
+      Bytes& f = frames[i];
+      const size_t pimAt = 14 + (f[12] == 0x86 ? 40 : (f[14] & 0x0f) * 4);
       // One bit flipped: never the other form of zero that a one's-complement sum accepts.
-      if (c.badChecksum) e.pim[3] ^= 0x01;
-      frames.push_back(frame(af, addr(c.src), e.pim, dst));
+      Encoded e{Bytes(f.begin() + static_cast<std::ptrdiff_t>(pimAt), f.end()), static_cast<U16>(f[pimAt + 2] << 8 | f[pimAt + 3])};
+      if (cases()[i].badChecksum) f[pimAt + 3] ^= 0x01;
       encoded_.push_back(std::move(e));
     }
     dissectFrames(frames);
@@ -334,19 +247,20 @@ class TsharkOracle : public OracleTest<Encoded> {
 TEST_P(TsharkOracle, ShowsWhatWasEncoded) {
   const Case& c = cases()[GetParam()];
   const Encoded& e = encoded_[GetParam()];
+  const bool v6 = std::string(c.src).find(':') != std::string::npos;
   const Json& layers = child(child(dissection_.packets[GetParam()], "_source"), "layers");
   const Json& pim = child(layers, "pim");
   ASSERT_TRUE(pim.is_object()) << "tshark did not dissect PIM: " << layers.dump(1);
   // The IP header of the transmit path: TOS or traffic class 192, TTL or hop limit 1, PIM.
-  const std::string dst = c.dst ? c.dst : c.v6 ? "ff02::d" : "224.0.0.13";
+  const std::string dst = c.dst ? c.dst : v6 ? "ff02::d" : "224.0.0.13";
   const Fields common =
-      c.v6 ? Fields{{"ipv6.tclass", "0x000000c0"}, {"ipv6.hlim", "1"}, {"ipv6.nxt", "103"}, {"ipv6.src", c.src},
-                    {"ipv6.dst", dst}, {"ipv6.plen", std::to_string(e.pim.size())}}
-           : Fields{{"ip.dsfield", "0xc0"}, {"ip.ttl", "1"}, {"ip.proto", "103"}, {"ip.checksum.status", "1"},
-                    {"ip.src", c.src}, {"ip.dst", dst}, {"ip.len", std::to_string(20 + e.pim.size())}};
+      v6 ? Fields{{"ipv6.tclass", "0x000000c0"}, {"ipv6.hlim", "1"}, {"ipv6.nxt", "103"}, {"ipv6.src", c.src},
+                  {"ipv6.dst", dst}, {"ipv6.plen", std::to_string(e.pim.size())}}
+         : Fields{{"ip.dsfield", "0xc0"}, {"ip.ttl", "1"}, {"ip.proto", "103"}, {"ip.checksum.status", "1"},
+                  {"ip.src", c.src}, {"ip.dst", dst}, {"ip.len", std::to_string(20 + e.pim.size())}};
   for (const auto& [field, value] : common) EXPECT_EQ(first(layers, field), value) << field;
   EXPECT_EQ(values(pim, "pim.version"), "2");
-  EXPECT_EQ(values(pim, "pim.type"), std::to_string(c.type.value() & 0x0f));
+  EXPECT_EQ(values(pim, "pim.type"), std::to_string(c.pimType));
   EXPECT_EQ(values(pim, "pim.cksum.status"), c.badChecksum ? "0" : "1");
   if (c.badChecksum) {
     // tshark's own sum names the value the codec wrote before it was spoiled.
@@ -465,7 +379,7 @@ class TsharkJoinPrune : public OracleTest<Packets> {
  protected:
   // Packet after packet from the bookmark, bounded by the number of entries.
   static void SetUpTestSuite() {
-    tshark_ = findOnPath("tshark");
+    findTshark();
     if (tshark_.empty()) return;
     std::vector<Bytes> frames;
     for (const Tree& t : kTrees) {

@@ -1,4 +1,4 @@
-// Reference counting, notifiees, the trace facility and named log messages.
+// Notifiees, the trace facility and named log messages.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -13,30 +13,6 @@
 
 namespace Loom {
 namespace {
-
-struct Counted : PtrInterface {
-  explicit Counted(int* deaths) : deaths_(deaths) {}
-  ~Counted() override { ++*deaths_; }
-  int* deaths_;
-};
-
-TEST(Ptr, CountsReferencesAndDeletesOnTheLast) {
-  int deaths = 0;
-  {
-    Ptr<Counted> a = new Counted(&deaths);
-    EXPECT_EQ(a->references(), 1u);
-    Ptr<Counted> b = a;
-    EXPECT_EQ(a->references(), 2u);
-    Ptr<Counted> c = std::move(b);
-    EXPECT_FALSE(b);
-    EXPECT_EQ(a->references(), 2u);
-    c = nullptr;
-    EXPECT_EQ(a->references(), 1u);
-    a = a;  // self-assignment keeps the object
-    EXPECT_EQ(deaths, 0);
-  }
-  EXPECT_EQ(deaths, 1);
-}
 
 // A small entity in the project's style, with one attribute and its notifiees.
 class Value : public Entity {
@@ -142,19 +118,6 @@ TEST(Trace, CaptureRestoresLevelsAndNests) {
     EXPECT_EQ(outer.texts(4).size(), 0u);
   }
   EXPECT_EQ(testUnit().level(), 2);
-}
-
-TEST(Trace, UnitMadeDuringACaptureTakesItsLevelAndGetsItsOwnBack) {
-  traceLevelIs("MadeInCapture", 2);
-  {
-    TraceCapture outer(7);
-    TraceCapture inner(3);
-    static TraceUnit made("MadeInCapture");
-    EXPECT_EQ(made.level(), 3);
-    LOOM_TRACE(made, 3, "seen");
-    EXPECT_EQ(inner.texts(), std::vector<std::string>{"seen"});
-  }
-  EXPECT_EQ(traceLevel("MadeInCapture"), 2);
 }
 
 TEST(Trace, ConfigurationByNameAndForUnitsMadeLater) {
