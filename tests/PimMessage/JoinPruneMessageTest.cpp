@@ -7,6 +7,7 @@
 #include <functional>
 #include <sstream>
 
+#include "PimMessage/EncodedAddress.h"
 #include "loom/LogMessage.h"
 #include "support/CodecTest.h"
 
@@ -488,29 +489,26 @@ TEST(JoinPruneRead, RejectTable) {
   }
 }
 
-// Cut at every length of both golden packets: each field fails with its own text.
+// Cut at every length of both golden packets: each field fails with its own failure.
 TEST(JoinPruneRead, TruncationBothFamilies) {
+  using E = EncodedAddressText;
   for (bool v6 : {false, true}) {
     SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
     const U32 a = v6 ? 16 : 4;  // the bytes of an address
-    const std::string group = "Invalid Encoded Group Address - ", source = "Invalid Encoded Source Address - ";
-    std::vector<Fragment> fragments = {
-        {4, "Invalid Pim Message - Missing Pim Header - Remaining: "},
-        {2, "Invalid Encoded Unicast Address - Family and Encoding Length - Remaining: "},
-        {a, std::string("Invalid Encoded Unicast Address - Ip") + (v6 ? "6" : "") + " Address Length - Remaining: "},
-        {4, "Invalid Pim Join/Prune - J/P Info Length - Remaining: "},
-    };
+    std::vector<Cut<Failure>> cuts = {{4, HeaderText::missingHeader},
+                                      {2, E::unicastFamilyLength},
+                                      {a, v6 ? E::unicastIp6Length : E::unicastIpLength},
+                                      {4, JoinPruneText::infoLength}};
     for (int sources : v6 ? std::vector<int>{2, 2} : std::vector<int>{3, 3, 2, 2}) {  // the groups of the packet
-      fragments.insert(fragments.end(), {{4, group + "Family and Encoding Length - Remaining: "},
-                                         {a, group + "Ip Address Length - Remaining: "},
-                                         {4, "Invalid Pim Join/Prune - Number of Sources - Remaining: "}});
-      for (int i = 0; i < sources; ++i) {
-        fragments.insert(fragments.end(), {{4, source + "Family and Encoding Length - Remaining: "},
-                                           {a, source + "Ip Address Length - Remaining: "}});
-      }
+      cuts.insert(cuts.end(), {{4, E::groupFamilyLength}, {a, E::groupIpLength}, {4, JoinPruneText::numSources}});
+      for (int i = 0; i < sources; ++i) cuts.insert(cuts.end(), {{4, E::sourceFamilyLength}, {a, E::sourceIpLength}});
     }
-    checkTruncations(checksummed(v6 ? goldenV6 : goldenV4, v6), fragments, v6 ? v6Src : v4Src, v6 ? v6Dst : v4Dst,
-                     [v6](const Loom::Ptr<Knet::Pkt>& p) { return message(v6)->readJoinPruneMessage(p, 0, nullptr); });
+    checkCuts<Failure>(checksummed(v6 ? goldenV6 : goldenV4, v6), cuts, v6 ? v6Src : v4Src, v6 ? v6Dst : v4Dst,
+                       [v6](const Loom::Ptr<Knet::Pkt>& p) {
+                         auto m = message(v6);
+                         const U32 n = m->readJoinPruneMessage(p, 0, nullptr);
+                         return RecordedOutcome{n, m->failure()};
+                       });
   }
 }
 

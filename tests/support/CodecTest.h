@@ -83,49 +83,6 @@ inline std::string firstError(const Loom::TraceCapture& cap) {
 
 inline bool startsWith(const std::string& s, const std::string& prefix) { return s.rfind(prefix, 0) == 0; }
 
-// One piece of a packet, described for the truncation test: when the packet ends inside it
-// (after 1 to size-1 of its bytes, or 0 bytes for a value), the read fails with a first error
-// that starts with `text`. `atStart` overrides the expectation when no byte of the fragment is
-// present: "" means the read succeeds there (an option boundary).
-struct Fragment {
-  U32 size;
-  std::string text;
-  std::optional<std::string> atStart = std::nullopt;
-};
-
-// Cuts the packet at every length from 0 to its full size minus one, fixes the checksum of the
-// cut packet, and checks what the read says. `read` reads a fresh message and returns its count.
-// The expected text is that of the first failure trace, or with `lastError` of the last (the
-// message's own text, where an encoded address traces its failure first).
-inline void checkTruncations(const Bytes& full, const std::vector<Fragment>& fragments,
-                             const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst,
-                             const std::function<U32(const Loom::Ptr<Knet::Pkt>&)>& read, bool lastError = false) {
-  U32 total = 0;
-  for (auto& f : fragments) total += f.size;
-  ASSERT_EQ(total, full.size()) << "fragments do not add up to the packet";
-  U32 start = 0;
-  for (auto& f : fragments) {
-    for (U32 inside = 0; inside < f.size; ++inside) {
-      const U32 length = start + inside;
-      Bytes cut(full.begin(), full.begin() + length);
-      if (cut.size() >= 4) fixChecksum(cut, src, dst);
-      Loom::TraceCapture cap(1);
-      const U32 n = read(pkt(cut));
-      const std::string expected = inside == 0 && f.atStart ? *f.atStart : f.text;
-      if (expected.empty()) {
-        EXPECT_EQ(n, length) << "cut at " << length << ": " << firstError(cap);
-      } else {
-        EXPECT_EQ(n, 0u) << "cut at " << length;
-        const std::vector<std::string> e = errors(cap);
-        const std::string got = e.empty() ? std::string() : lastError ? e.back() : e.front();
-        EXPECT_TRUE(startsWith(got, expected))
-            << "cut at " << length << "\n  got:      " << got << "\n  expected: " << expected;
-      }
-    }
-    start += f.size;
-  }
-}
-
 // Which failure trace a table row names: the first one, the last one (the message's own text,
 // where an encoded address traced its failure first), or all of them joined by " | ".
 enum class Trace { first, last, all };
