@@ -1,7 +1,7 @@
 // tshark as an independent oracle for the codec. Messages of every kind in both families are
 // written by `pimio encode` from JSON lines (the codec, framed as the transmit path sends them) and
 // dissected once by `tshark -T json`: tshark must show every field as it was encoded, and find the
-// checksums good, or bad where one was spoiled. Join/Prune trees too big for one packet go out
+// checksums good, or bad where one was spoiled; `pimio decode` must give the lines back. Join/Prune trees too big for one packet go out
 // packet after packet, and together the packets must carry the tree.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -66,6 +66,7 @@ struct Case {
   std::string members;  // of the JSON line, behind family, addresses and type
   Fields fields;        // what tshark must show: a field and all its values in order
   bool badChecksum = false;
+  bool decodes = true;  // false: the codec's reader refuses it (see the case)
 };
 
 // The members of a Hello with holdtime, LAN prune delay, DR priority, generation id and addresses.
@@ -159,7 +160,9 @@ const std::vector<Case>& cases() {
        {{"pim.fragment_tag", "0x0102"}, {"pim.hash_mask_len", "30"}, {"pim.bsr_priority", "200"}, {"pim.bsr", "10.0.0.1"},
         {"pim.group", "224.0.0.0 239.0.0.0"}, {"pim.mask_len", "4 8"}, {"pim.group_addr.flags", "0x00 0x80"},
         {"pim.rp_count", "2 3"}, {"pim.frp_count", "2 1"}, {"pim.rp", "10.0.0.2 10.0.0.3 10.0.0.2"},
-        {"pim.holdtime", "150 150 65535"}, {"pim.priority", "192 1 0"}}},
+        {"pim.holdtime", "150 150 65535"}, {"pim.priority", "192 1 0"}},
+       // A fragment that carries fewer RPs than the range has: our reader reads the range's count.
+       false, false},
       {"Ipv6BootstrapAdminScope", 4, "fe80::1", nullptr,
        bootstrapHead + R"("hashMaskLen":126,"bsrAddress":"2001:db8::1","groups":[{"prefix":"ff05::/16","groupFlags":1,)"
                        R"("rpCount":1,"fragRpCount":1,"rps":[{"address":"2001:db8::2","holdtime":75,"priority":0}]}])",
@@ -206,7 +209,9 @@ const char* typeName(int pimType) {
 
 struct Encoded {
   Bytes pim;
-  U16 checksum = 0;  // as the codec wrote it
+  U16 checksum = 0;      // as the codec wrote it
+  std::string line;      // the JSON line encoded
+  std::string decoded;   // what `pimio decode --json` makes of the packet before it is spoiled
 };
 
 class TsharkOracle : public OracleTest<Encoded> {
@@ -217,26 +222,31 @@ class TsharkOracle : public OracleTest<Encoded> {
     if (tshark_.empty()) return;
     const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("pimio_oracle_" + std::to_string(getpid()));
     std::filesystem::create_directories(dir);
-    std::string lines;
+    std::vector<std::string> lines;
     for (const Case& c : cases()) {
       const bool v6 = std::string(c.src).find(':') != std::string::npos;
-      lines += std::string(R"({"family":)") + (v6 ? "6" : "4") + R"(,"src":")" + c.src + "\"" +
-               (c.dst ? std::string(R"(,"dst":")") + c.dst + "\"" : "") + R"(,"type":")" + typeName(c.pimType) + "\"," +
-               c.members + "}\n";
+      lines.push_back(std::string(R"({"family":)") + (v6 ? "6" : "4") + R"(,"src":")" + c.src + "\"" +
+                      (c.dst ? std::string(R"(,"dst":")") + c.dst + "\"" : "") + R"(,"type":")" + typeName(c.pimType) +
+                      "\"," + c.members + "}");
     }
-    PimioTest::writeFile((dir / "in.jsonl").string(), lines);
-    const PimioTest::RunResult r = PimioTest::sh(dir.string(), "cd " + PimioTest::quoted(dir.string()) + " && PIMIO encode -o out.pcap in.jsonl");
+    std::string input;
+    for (const std::string& l : lines) input += l + "\n";
+    PimioTest::writeFile((dir / "in.jsonl").string(), input);
+    const std::string cd = "cd " + PimioTest::quoted(dir.string()) + " && ";
+    const PimioTest::RunResult r = PimioTest::sh(dir.string(), cd + "PIMIO encode -o out.pcap in.jsonl");
     std::vector<Bytes> frames = r.status == 0 ? PimioTest::readCapture((dir / "out.pcap").string()) : std::vector<Bytes>{};
+    const std::vector<std::string> decoded = PimioTest::sh(dir.string(), cd + "PIMIO decode --json out.pcap").outLines();
     std::filesystem::remove_all(dir);
-    if (frames.size() != cases().size()) {
-      error_ = "pimio encode did not encode every case: " + r.err;
+    if (frames.size() != cases().size() || decoded.size() != frames.size()) {
+      error_ = "pimio did not encode and decode every case: " + r.err;
       return;
     }
     for (size_t i = 0; i < frames.size(); ++i) {
       Bytes& f = frames[i];
       const size_t pimAt = 14 + (f[12] == 0x86 ? 40 : (f[14] & 0x0f) * 4);
       // One bit flipped: never the other form of zero that a one's-complement sum accepts.
-      Encoded e{Bytes(f.begin() + static_cast<std::ptrdiff_t>(pimAt), f.end()), static_cast<U16>(f[pimAt + 2] << 8 | f[pimAt + 3])};
+      Encoded e{Bytes(f.begin() + static_cast<std::ptrdiff_t>(pimAt), f.end()),
+                static_cast<U16>(f[pimAt + 2] << 8 | f[pimAt + 3]), lines[i], decoded[i]};
       if (cases()[i].badChecksum) f[pimAt + 3] ^= 0x01;
       encoded_.push_back(std::move(e));
     }
@@ -267,6 +277,10 @@ TEST_P(TsharkOracle, ShowsWhatWasEncoded) {
     EXPECT_EQ(values(pim, "_ws.expert.message"), "Bad checksum [should be " + hex(e.checksum, 4) + "]");
   }
   for (const auto& [field, value] : c.fields) EXPECT_EQ(values(layers, field), value) << field;
+  // And back: the codec's decoder and the command line's JSON give every member of the line.
+  const nlohmann::json decoded = nlohmann::json::parse(e.decoded);
+  EXPECT_EQ(c.decodes, PimioTest::within(nlohmann::json::parse(e.line), decoded)) << e.decoded;
+  EXPECT_EQ(c.decodes, !decoded.contains("error")) << e.decoded;
 }
 
 INSTANTIATE_TEST_SUITE_P(Messages, TsharkOracle, testing::Range<size_t>(0, cases().size()),

@@ -154,6 +154,21 @@ Bytes withExtensions(const Bytes& ip, const std::vector<Ipv6Extension>& extensio
   return concat(out, Bytes(ip.begin() + 40, ip.end()));
 }
 
+bool within(const nlohmann::json& part, const nlohmann::json& whole) {
+  if (part.is_object() && whole.is_object()) {
+    for (const auto& [key, value] : part.items()) {
+      if (!whole.contains(key) || !within(value, whole[key])) return false;
+    }
+    return true;
+  }
+  if (!part.is_array() || !whole.is_array()) return part == whole;
+  if (part.size() != whole.size()) return false;
+  for (size_t i = 0; i < part.size(); ++i) {
+    if (!within(part[i], whole[i])) return false;
+  }
+  return true;
+}
+
 U16 readU16Be(const Bytes& b, size_t at) { return static_cast<U16>(b[at] << 8 | b[at + 1]); }
 
 Bytes concat(Bytes a, const Bytes& b) {

@@ -1,6 +1,7 @@
 #pragma once
 // Support for the tests that run the pimio command line: the built binary, capture files, and the
 // packets the tests feed it.
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,9 @@ struct Ipv6Extension {
 };
 Bytes withExtensions(const Bytes& ip, const std::vector<Ipv6Extension>& extensions);
 U16 readU16Be(const Bytes& b, size_t at);
+// True if every member of `part` is in `whole` with that value (objects compared member by member,
+// arrays element by element).
+bool within(const nlohmann::json& part, const nlohmann::json& whole);
 Bytes concat(Bytes a, const Bytes& b);
 
 }  // namespace PimioTest

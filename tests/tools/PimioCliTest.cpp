@@ -60,23 +60,6 @@ std::string joined(const Lines& texts) {
   return out;
 }
 
-// True if every member of `part` is in `whole` with that value (objects compared member by member,
-// arrays element by element).
-bool within(const json& part, const json& whole) {
-  if (part.is_object() && whole.is_object()) {
-    for (const auto& [key, value] : part.items()) {
-      if (!whole.contains(key) || !within(value, whole[key])) return false;
-    }
-    return true;
-  }
-  if (!part.is_array() || !whole.is_array()) return part == whole;
-  if (part.size() != whole.size()) return false;
-  for (size_t i = 0; i < part.size(); ++i) {
-    if (!within(part[i], whole[i])) return false;
-  }
-  return true;
-}
-
 // ---- The sample: samples/hellos.jsonl ----
 
 // Text and JSON; the members of a JSON line in a fixed order, every Hello attribute among them.
@@ -144,16 +127,6 @@ TEST_F(PimioCli, OtherLinkTypesDecodeLikeEthernet) {
     }
     EXPECT_EQ(decode(c.linkType, frames).outLines(), expected) << "link type " << c.linkType;
   }
-}
-
-TEST_F(PimioCli, PcapngDecodesLikePcap) {
-  if (!haveProgram("editcap")) {
-    if (underCi()) FAIL() << "editcap (Wireshark) is needed to make a pcapng file and is missing";
-    GTEST_SKIP() << "editcap (Wireshark) not installed: cannot make a pcapng file";
-  }
-  ASSERT_EQ(run("editcap -F pcapng " + quoted(samplePcap) + " " + quoted(path("s.pcapng"))).status, 0);
-  ASSERT_EQ(readFile(path("s.pcapng")).substr(0, 4), std::string("\x0a\x0d\x0d\x0a")) << "not a pcapng file";
-  EXPECT_EQ(decode(path("s.pcapng")).out, decode(samplePcap).out);
 }
 
 // ---- Hand-made packets ----
@@ -438,32 +411,10 @@ TEST_F(PimioCli, EncodeReportsEveryLine) {
        "dropped: Invalid Pim Join/Prune - Debug Error - Read Error On TX Packet",
        "FAILED: Invalid Encoded Source Address - All Zeros - Address: 0.0.0.0; Invalid Pim Join/Prune - Zero Num "
        "Sources In Group 239.1.1.1; 0, 0, 0; Invalid Pim Join/Prune - Zero Valid Num Groups"},
-      {R"({"family":4,"src":"10.99.0.2","dst":"10.99.0.1","type":"register","inner":")"
-       R"(45000021000740003f1100000a420002ef01020313881388000d000070696d696f"})", "",
-       "RX: <PIM type=register | null bit=0, border bit=0 | Encapsulated src=10.66.0.2 dst=239.1.2.3 "
-       "outer dst=10.99.0.1 outer src=10.99.0.2>"},
-      {R"({"family":6,"src":"2001:db8::2","dst":"2001:db8::1","type":"register","null":true,"border":true,)"
-       R"("innerSrc":"2001:db8:66::2","innerGroup":"ff3e::1:2:3"})", ""},
-      {R"({"family":4,"src":"10.99.0.1","dst":"10.99.0.2","type":"registerStop","group":"239.1.2.3","source":"0.0.0.0"})", ""},
-      {R"({"family":4,"src":"10.99.0.3","type":"assert","group":"239.1.2.3","groupFlags":128,)"
-       R"("source":"10.66.0.2","rpt":true,"metricPreference":101,"metric":20})", "",
-       "RX: <PIM type=assert | source=10.66.0.2, group=( address=239.1.2.3, flags=0x80(B) ), rpt=1, "
-       "preference=101, metric=20>"},
-      {R"({"family":4,"src":"10.0.0.1","type":"bootstrap","fragmentTag":4660,"hashMaskLen":30,"bsrPriority":64,)"
-       R"("bsrAddress":"10.0.0.1","groups":[{"prefix":"224.0.0.0/4","rpCount":2,"fragRpCount":2,"rps":[)"
-       R"({"address":"10.0.0.2","holdtime":150,"priority":192},{"address":"10.0.0.3","holdtime":150,"priority":1}]}]})", ""},
-      {R"({"family":6,"src":"fe80::1","type":"bootstrap","noForward":true,"hashMaskLen":126,"bsrAddress":"2001:db8::1","groups":[]})", ""},
+      // Every other type goes both ways in the tshark oracle's suite; here what it refuses, and a DF
+      // election whose class follows the subtype in "reserved" (each class takes only its own attributes).
       {R"({"family":4,"src":"10.0.0.1","type":"bootstrap","hashMaskLen":129,"bsrAddress":"10.0.0.1"})",
        "FAILED: hashMaskLen: BootstrapMessage::hashMaskLen < 0 or > 128 not allowed"},
-      {R"({"family":4,"src":"10.0.0.5","dst":"10.0.0.1","type":"candidateRpAdv","prefixCount":2,"priority":192,)"
-       R"("holdtime":150,"rpAddress":"10.0.0.5","ranges":[{"prefix":"224.0.0.0/4"},{"prefix":"239.255.0.0/16","groupFlags":128}]})", ""},
-      // DF election: the class follows the subtype, named by "dfElectionType" or "reserved"; each
-      // class takes only its own attributes.
-      {df + R"("dfElectionType":"dfElectionOffer","senderMetricPreference":110,"senderMetric":20})", ""},
-      {df + R"("dfElectionType":"dfElectionBackoff","offeringAddress":"10.0.0.3","offeringMetricPreference":100,)"
-            R"("offeringMetric":10,"interval":1000})", "",
-       "RX: <PIM type=dfElection | type=dfElectionBackoff, rpAddress=10.0.0.9, senderMetricPreference=0, "
-       "senderMetric=0, offeringAddress=10.0.0.3, offeringMetricPreference=100, offeringMetric=10, interval=1000>"},
       {R"({"family":6,"src":"fe80::2","type":"dfElection","reserved":64,"rpAddress":"2001:db8::9",)"
        R"("winningAddress":"2001:db8::3","winningMetricPreference":100,"winningMetric":10})", ""},
       {df + R"("dfElectionType":"dfElectionWinner","interval":5})", R"(FAILED: unknown attribute "interval")"},
