@@ -328,10 +328,6 @@ TEST(JoinPruneRead, ConflictResolutionAndFilters) {
   const char* G2 = "226.1.1.1";
 
   const Row rows[] = {
-      {.name = "no conflict",
-       .groups = {{G, {wc("10.1.1.1"), sg("10.3.3.3")}, {rpt("10.2.2.2"), rpt("10.2.2.3"), sg("10.3.3.4")}}},
-       .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1", "225.1.1.1: (S,G,rpt) prune 10.2.2.2", "225.1.1.1: (S,G,rpt) prune 10.2.2.3", "225.1.1.1: (S,G) prune 10.3.3.4"},
-       .report = {5, 0, 0}},
       {.name = "entry kinds do not need the S bit",
        .groups = {{G, {{"10.1.1.1", 0x03}, {"10.3.3.3", 0x00}}, {{"10.2.2.2", 0x01}}}},
        .tree = {"225.1.1.1: (S,G) join 10.3.3.3", "225.1.1.1: (*,G) join 10.1.1.1", "225.1.1.1: (S,G,rpt) prune 10.2.2.2"},

@@ -84,14 +84,5 @@ TEST(IpGenPrefix, ContainsAndRender) {
   EXPECT_FALSE(IpGenPrefix().isHostPrefix());
 }
 
-TEST(IntfId, EmptyIdStandsForNoInterface) {
-  EXPECT_TRUE(IntfId::empty().isEmpty());
-  EXPECT_FALSE(IntfId("eth0").isEmpty());
-  EXPECT_EQ(IntfId("eth0"), IntfId("eth0"));
-  std::ostringstream os;
-  os << IntfId() << " " << IntfId("veth1");
-  EXPECT_EQ(os.str(), "<none> veth1");
-}
-
 }  // namespace
 }  // namespace Knet
