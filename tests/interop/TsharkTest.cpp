@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "PimMessage/JoinPruneMessage.h"
 #include "TsharkSupport.h"
+#include "support/JoinPruneTrees.h"
 
 namespace {
 
@@ -22,8 +24,6 @@ using namespace TsharkTest;
 using namespace Routing::Pim::Packet;
 using Knet::AddressFamily;
 using Knet::IpGenAddr;
-using Routing::Pim::JoinPruneData;
-using Routing::Pim::JoinPruneGroupData;
 using Bytes = std::vector<U8>;
 
 IpGenAddr addr(const std::string& text) { return IpGenAddr::parse(text).value(); }
@@ -288,104 +288,26 @@ INSTANTIATE_TEST_SUITE_P(Messages, TsharkOracle, testing::Range<size_t>(0, cases
 
 // ---- Join/Prune trees ----
 
-struct Tree {
-  const char* name;
-  bool v6;
-  U32 mtu;
-  int groups;
-  bool periodic = false;
-  bool bidir = false;
-};
-
-const Tree kTrees[] = {
-    {"Ipv4Triggered", false, 200, 12},
-    {"Ipv6Triggered", true, 400, 12},
-    {"Ipv4Periodic", false, 256, 12, true},
-    {"Ipv6Periodic", true, 576, 12, true},
-    {"Ipv4Bidirectional", false, 160, 6, false, true},
-    // At most 255 groups in a packet, whatever the MTU.
-    {"Ipv4ManyGroups", false, 9000, 300},
-};
-
-std::string group(const Tree& t, int g) {
-  return t.v6 ? "ff3e::" + std::to_string(g + 1) : "239.1." + std::to_string(g / 250) + "." + std::to_string(g % 250 + 1);
-}
-std::string source(const Tree& t, int g, int s) {
-  return t.v6 ? "2001:db8:" + std::to_string(g) + "::" + std::to_string(s)
-              : "10." + std::to_string(g % 250) + "." + std::to_string(s) + ".1";
-}
-std::string rp(const Tree& t) { return t.v6 ? "2001:db8:ffff::1" : "10.255.0.1"; }
-
-// Every kind of entry, spread over groups: (*,G) joins with (S,G,rpt) prunes, (S,G,rpt) joins,
-// (S,G) joins and prunes, (*,G) prunes; the Z flag on some groups, B on all when bidirectional. A
-// periodic tree suppresses two (S,G) joins of the first group and the (*,G) join of a group
-// without (S,G,rpt) prunes and of one with them (which keeps it).
-Loom::Ptr<JoinPruneData> treeOf(const Tree& t) {
-  Loom::Ptr<JoinPruneData> d = new JoinPruneData(addr(t.v6 ? "fe80::2" : "10.0.0.2"));
-  d->holdTimeIs(210);
-  d->periodicIs(t.periodic);
-  for (int g = 0; g < t.groups; ++g) {
-    JoinPruneGroupData& gd = d->joinPruneGroupDataIs(addr(group(t, g)));
-    if (t.groups > 255) {
-      gd.wcSourceDataIs(addr(rp(t)), true);
-      continue;
+// Random trees of the packing test, one for each kind the seeds hold: both families, periodic and
+// triggered, bidirectional, more than 255 groups.
+const std::vector<U32>& treeSeeds() {
+  static const std::vector<U32> seeds = [] {
+    std::vector<U32> out;
+    std::set<std::string> kinds;
+    for (U32 seed = 1; seed <= 240; ++seed) {
+      const PimTest::GeneratedTree g = PimTest::generateTree(seed);
+      const std::string kind = std::to_string(g.v6) + std::to_string(g.periodic) + std::to_string(g.bidir) +
+                               std::to_string(g.tree->joinPruneGroupData().size() > 255);
+      if (kinds.insert(kind).second) out.push_back(seed);
     }
-    gd.groupFlagsIs(static_cast<U8>((t.bidir ? 0x80 : 0) | (g % 5 == 4 ? 0x01 : 0)));
-    for (int s = 1; s <= 4; ++s) gd.joinedSourceIs(addr(source(t, g, s)));
-    for (int s = 20; s <= 21; ++s) gd.prunedSourceIs(addr(source(t, g, s)));
-    if (g % 3 == 0) {
-      gd.wcSourceDataIs(addr(rp(t)), true);
-      for (int s = 10; s <= 12; ++s) gd.prunedRptSourceIs(addr(source(t, g, s)));
-    } else if (g % 3 == 1) {
-      for (int s = 30; s <= 31; ++s) gd.joinedRptSourceIs(addr(source(t, g, s)));
-    } else {
-      gd.wcSourceDataIs(addr(rp(t)), false);
-    }
-  }
-  if (t.periodic) {
-    d->joinPruneGroupData(addr(group(t, 0)))->joinSuppressSourceIs(addr(source(t, 0, 1)));
-    d->joinPruneGroupData(addr(group(t, 0)))->joinSuppressSourceIs(addr(source(t, 0, 3)));
-    d->joinPruneGroupData(addr(group(t, 3)))->wcSuppressedIs(true);
-    d->joinPruneGroupData(addr(group(t, 6)))->prunedRptSourceDelAll();
-    d->joinPruneGroupData(addr(group(t, 6)))->wcSuppressedIs(true);
-  }
-  return d;
-}
-
-std::string entry(const std::string& group, U8 groupFlags, bool join, U8 sourceFlags, const std::string& source) {
-  std::ostringstream os;
-  os << group << " flags " << unsigned(groupFlags) << (join ? " join " : " prune ") << unsigned(sourceFlags) << " " << source;
-  return os.str();
-}
-
-// The entries the packets must carry: all but, in a periodic message, the suppressed joins and
-// the (*,G) prunes. S on every source, WC and RPT on the (*,G) entry, RPT on (S,G,rpt) entries.
-std::vector<std::string> expectedEntries(const JoinPruneData& d) {
-  std::vector<std::string> out;
-  for (const auto& [address, g] : d.joinPruneGroupData()) {
-    const std::string group = address.str();
-    const U8 flags = g->groupFlags();
-    for (const IpGenAddr& s : g->joinedRptSource()) out.push_back(entry(group, flags, true, 0x05, s.str()));
-    for (const IpGenAddr& s : g->joinedSource()) {
-      if (!(d.periodic() && g->joinSuppressSource().contains(s))) out.push_back(entry(group, flags, true, 0x04, s.str()));
-    }
-    if (const auto& wc = g->wcSourceData()) {
-      if (!(d.periodic() && (!wc->join || (wc->wcSuppressed && g->prunedRptSources() == 0)))) {
-        out.push_back(entry(group, flags, wc->join, 0x07, wc->rp.str()));
-      }
-    }
-    if (g->rptPrunedGroupData()) {
-      for (const auto& [s, v] : g->rptPrunedGroupData()->prunedRptSource()) out.push_back(entry(group, flags, false, 0x05, s.str()));
-    }
-    for (const IpGenAddr& s : g->prunedSource()) out.push_back(entry(group, flags, false, 0x04, s.str()));
-  }
-  std::sort(out.begin(), out.end());
-  return out;
+    return out;
+  }();
+  return seeds;
 }
 
 struct Packets {
+  PimTest::GeneratedTree tree;
   std::vector<Bytes> pim;
-  std::vector<std::string> expected;
   size_t firstFrame = 0;  // index of the tree's first packet in the capture
 };
 
@@ -396,24 +318,22 @@ class TsharkJoinPrune : public OracleTest<Packets> {
     findTshark();
     if (tshark_.empty()) return;
     std::vector<Bytes> frames;
-    for (const Tree& t : kTrees) {
-      const AddressFamily af = t.v6 ? AddressFamily::ipv6 : AddressFamily::ipv4;
-      const IpGenAddr sender = addr(t.v6 ? "fe80::1" : "10.0.0.1");
-      Packets p;
-      Loom::Ptr<JoinPruneData> tree = treeOf(t);
-      p.expected = expectedEntries(*tree);
+    for (U32 seed : treeSeeds()) {
+      Packets p{PimTest::generateTree(seed), {}, 0};
+      const AddressFamily af = p.tree.v6 ? AddressFamily::ipv6 : AddressFamily::ipv4;
+      const IpGenAddr sender = addr(p.tree.v6 ? "fe80::1" : "10.0.0.1");
       Loom::Ptr<JoinPruneMessage> m = joinPruneMessageFactory();
       m->srcIpIs(sender);
       m->dstIpIs(Knet::allPimRouters(af));
-      m->mtuIs(t.mtu);
-      m->bidirIs(t.bidir);
-      m->joinPruneDataIs(tree);
-      for (U32 i = 0, bound = tree->routes() + 1; i < bound; ++i) {
+      m->mtuIs(p.tree.mtu);
+      m->bidirIs(p.tree.bidir);
+      m->joinPruneDataIs(p.tree.tree);
+      for (U32 i = 0, bound = p.tree.tree->routes() + 1; i < bound; ++i) {
         const Loom::Ptr<Knet::Pkt> pkt = Knet::pktFactory(0xffff);
         const U32 n = m->writeJoinPruneMessage(pkt, 0, nullptr);
         if (n == 0) break;
         p.pim.emplace_back(pkt->data(), pkt->data() + n);
-        if (!tree->bookmark()) break;
+        if (!p.tree.tree->bookmark()) break;
       }
       p.firstFrame = frames.size();
       for (const Bytes& b : p.pim) frames.push_back(frame(af, sender, b));
@@ -423,47 +343,64 @@ class TsharkJoinPrune : public OracleTest<Packets> {
   }
 };
 
+// The entry kind of the source flags tshark shows: S and WC and RPT a (*,G) entry, S and RPT an
+// (S,G,rpt) entry, S alone an (S,G) entry.
+const char* kindOf(U8 flags, bool join) {
+  switch (flags) {
+    case 0x07: return join ? "wcJoin" : "wcPrune";
+    case 0x05: return join ? "rptJoin" : "rptPrune";
+    case 0x04: return join ? "join" : "prune";
+    default: return "?";
+  }
+}
+
 // Every packet fits the MTU, has a good checksum and the tree's upstream neighbor and holdtime;
-// every group and source is a host prefix; together the packets carry each entry once.
+// every group and source is a host prefix with the group's flags; together the packets carry each
+// entry that is not suppressed, once.
 TEST_P(TsharkJoinPrune, PacketsCarryTheTree) {
-  const Tree& t = kTrees[GetParam()];
   const Packets& p = encoded_[GetParam()];
-  const std::string six = t.v6 ? "_ip6" : "";
-  EXPECT_GE(p.pim.size(), 2u);
-  std::vector<std::string> carried;
+  const bool v6 = p.tree.v6;
+  const std::string six = v6 ? "_ip6" : "";
+  PimTest::Entries carried;
   for (size_t i = 0; i < p.pim.size(); ++i) {
     SCOPED_TRACE("packet " + std::to_string(i + 1));
     const Json& layers = child(child(dissection_.packets[p.firstFrame + i], "_source"), "layers");
-    EXPECT_LE(p.pim[i].size() + (t.v6 ? 40 : 20), t.mtu);
+    EXPECT_LE(p.pim[i].size() + (v6 ? 40 : 20), p.tree.mtu);
     const Json& pim = child(layers, "pim");
     EXPECT_EQ(values(pim, "pim.cksum.status"), "1");
     EXPECT_EQ(values(pim, "pim.type"), "3");
-    EXPECT_EQ(values(pim, "pim.upstream_neighbor" + six), t.v6 ? "fe80::2" : "10.0.0.2");
+    EXPECT_EQ(values(pim, "pim.upstream_neighbor" + six), v6 ? "fe80::2" : "10.0.0.2");
     EXPECT_EQ(values(pim, "pim.holdtime"), "210");
     const std::vector<Json> groups = occurrences(child(child(pim, "pim.option"), "pim.group_set_tree"));
     EXPECT_EQ(values(pim, "pim.numgroups"), std::to_string(groups.size()));
     EXPECT_LE(groups.size(), 255u);
     for (const Json& g : groups) {
-      const U8 flags = static_cast<U8>(std::stoul(values(g, "pim.group_addr.flags"), nullptr, 16));
-      const std::string address = addr(values(g, "pim.group" + six)).str();
+      const IpGenAddr group = addr(values(g, "pim.group" + six));
+      EXPECT_EQ(std::stoul(values(g, "pim.group_addr.flags"), nullptr, 16),
+                p.tree.tree->joinPruneGroupData(group)->groupFlags());
       for (const bool join : {true, false}) {
         const std::string count = join ? "pim.numjoins" : "pim.numprunes";
-        const std::vector<Json> sources =
-            occurrences(child(child(g, count + "_tree"), std::string(join ? "pim.join_ip" : "pim.prune_ip") + (t.v6 ? "6" : "") + "_tree"));
+        const std::vector<Json> sources = occurrences(
+            child(child(g, count + "_tree"), std::string(join ? "pim.join_ip" : "pim.prune_ip") + (v6 ? "6" : "") + "_tree"));
         EXPECT_EQ(values(g, count), std::to_string(sources.size()));
         for (const Json& s : sources) {
-          EXPECT_EQ(values(s, "pim.mask_len"), t.v6 ? "128" : "32");
-          carried.push_back(entry(address, flags, join, static_cast<U8>(std::stoul(values(s, "pim.source_addr.flags"), nullptr, 16)),
-                                  addr(values(s, "pim.source" + six)).str()));
+          EXPECT_EQ(values(s, "pim.mask_len"), v6 ? "128" : "32");
+          const U8 flags = static_cast<U8>(std::stoul(values(s, "pim.source_addr.flags"), nullptr, 16));
+          ++carried[PimTest::entryKey(group, kindOf(flags, join), addr(values(s, "pim.source" + six)))];
         }
       }
     }
   }
-  std::sort(carried.begin(), carried.end());
-  EXPECT_EQ(carried, p.expected);
+  EXPECT_EQ(carried, p.tree.expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(JoinPrune, TsharkJoinPrune, testing::Range<size_t>(0, std::size(kTrees)),
-                         [](const testing::TestParamInfo<size_t>& info) { return kTrees[info.param].name; });
+INSTANTIATE_TEST_SUITE_P(JoinPrune, TsharkJoinPrune, testing::Range<size_t>(0, treeSeeds().size()),
+                         [](const testing::TestParamInfo<size_t>& info) {
+                           const PimTest::GeneratedTree g = PimTest::generateTree(treeSeeds()[info.param]);
+                           return std::string(g.v6 ? "Ipv6" : "Ipv4") + (g.periodic ? "Periodic" : "Triggered") +
+                                  (g.bidir ? "Bidirectional" : "") +
+                                  (g.tree->joinPruneGroupData().size() > 255 ? "ManyGroups" : "") + "Seed" +
+                                  std::to_string(treeSeeds()[info.param]);
+                         });
 
 }  // namespace
