@@ -103,10 +103,10 @@ void EventLoop::fdWatchDel(int fd) {
 // wheel's timeMin moved by the offset between the two clocks, which is nil for a MonotonicClock.
 void EventLoop::timerFdArm() {
   if (timerFd_ < 0) return;
-  itimerspec spec{};
+  itimerspec setting{};
   const Time due = wheel_->timeMin();
-  if (due != timeInfinity) spec.it_value = expiryOf(due - wheel_->clock().now() + monotonicNow());
-  if (timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr) != 0) errorsInc("timerfd_settime", timerFd_, errno);
+  if (due != timeInfinity) setting.it_value = expiryOf(due - wheel_->clock().now() + monotonicNow());
+  if (timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &setting, nullptr) != 0) errorsInc("timerfd_settime", timerFd_, errno);
 }
 
 void EventLoop::timerFdExpired() {
