@@ -218,6 +218,22 @@ TEST(IpPam, FailuresAreCountedAndTraced) {
     EXPECT_EQ(a->lastErrno(), ENETUNREACH);
     EXPECT_TRUE(cap.contains("a: sendmsg failed: Network is unreachable")) << ::testing::PrintToString(cap.texts());
   }
+  // A packet longer than the receive buffer is dropped and counted, not handed on cut short.
+  {
+    auto a = pamOf(Kind::ip, lab.nsA());
+    auto b = receiver(lab, v4);
+    b->maxRxPktDataIs(IpHdr::minSize + 8);
+    TxParams p;
+    p.ifIndex = lab.ifIndexA();
+    p.dst = lab.addrB(v4);
+    ASSERT_TRUE(a->txPkt(*pktFactory(hello(lab.addrA(v4), p.dst)), p));
+    pollfd pfd{b->fd(), POLLIN, 0};
+    ASSERT_EQ(::poll(&pfd, 1, 1000), 1);
+    std::vector<RxPkt> got;
+    EXPECT_EQ(b->rxPktBatch(got, 4), 0u);
+    EXPECT_EQ(b->rxErrors(), 1u);
+    EXPECT_EQ(b->rxPkts(), 0u);
+  }
   // An unknown namespace: the socket stays closed.
   Loom::TraceCapture cap(1);
   IpSocketPam lost("lost", pim, lab.nsA() + "-missing");
