@@ -59,4 +59,15 @@ Loom::Ptr<Pkt> pktFactory(std::span<const U8> bytes, U32 headRoom) {
   return p;
 }
 
+PktManager& PktManager::instance() {
+  static PktManager manager;
+  return manager;
+}
+
+Loom::Ptr<Pkt> PktManager::pktNew(U32 size, U32 headRoom) {
+  if (size > maxPktSize_) return nullptr;
+  ++pktsMade_;
+  return new Pkt(size, headRoom);
+}
+
 }  // namespace Knet

@@ -64,4 +64,20 @@ class Pkt : public Loom::PtrInterface {
 Loom::Ptr<Pkt> pktFactory(U32 size, U32 headRoom = Pkt::defaultHeadRoom);
 Loom::Ptr<Pkt> pktFactory(std::span<const U8> bytes, U32 headRoom = Pkt::defaultHeadRoom);
 
+// The packet manager of the process: where received packets get their buffers.
+class PktManager {
+ public:
+  static PktManager& instance();
+  U32 maxPktSize() const { return maxPktSize_; }
+  void maxPktSizeIs(U32 v) { maxPktSize_ = v; }
+  // A packet of `size` bytes with `headRoom` bytes in front; null when size exceeds maxPktSize().
+  Loom::Ptr<Pkt> pktNew(U32 size, U32 headRoom = Pkt::defaultHeadRoom);
+  U64 pktsMade() const { return pktsMade_; }
+
+ private:
+  PktManager() = default;
+  U32 maxPktSize_ = 65535;
+  U64 pktsMade_ = 0;
+};
+
 }  // namespace Knet

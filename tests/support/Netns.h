@@ -1,0 +1,57 @@
+#pragma once
+// A namespace lab for tests that need real sockets: two network namespaces with unique names
+// (pimio-<pid>-<n>-a and -b), one veth pair between them (pa in a, pb in b), each end up with an
+// IPv4 address in 10.99.0.0/24, a ULA in fd00:99::/64 and a fixed link-local (fe80::a, fe80::b),
+// all without duplicate address detection so that they are usable at once. Every command runs
+// under `timeout`; the namespaces, and the veth with them, are deleted by the destructor, and
+// namespaces that a crashed test process left behind are deleted by the next lab.
+#include <string>
+
+#include "knet/Address.h"
+
+namespace PimTest {
+
+class NetnsLab {
+ public:
+  NetnsLab();
+  ~NetnsLab();
+  NetnsLab(const NetnsLab&) = delete;
+  NetnsLab& operator=(const NetnsLab&) = delete;
+
+  // Why no lab can be made here at all (not root, no `ip`); empty when one can.
+  static std::string unavailableReason();
+  // True when CI=true: then a lab that cannot run is a failure, not a skip.
+  static bool required();
+
+  bool ok() const { return error_.empty(); }
+  const std::string& error() const { return error_; }
+
+  const std::string& nsA() const { return nsA_; }
+  const std::string& nsB() const { return nsB_; }
+  // Kernel interface indexes of the veth ends.
+  U32 ifIndexA() const { return ifIndexA_; }
+  U32 ifIndexB() const { return ifIndexB_; }
+  // Addresses of each end, by family; the link-locals apart.
+  Knet::IpGenAddr addrA(Knet::AddressFamily af) const;
+  Knet::IpGenAddr addrB(Knet::AddressFamily af) const;
+  static Knet::IpGenAddr linkLocalA();
+  static Knet::IpGenAddr linkLocalB();
+
+ private:
+  bool run(const std::string& command);
+  U32 ifIndexOf(const std::string& ns, const char* intf);
+  std::string nsA_, nsB_, error_;
+  U32 ifIndexA_ = 0, ifIndexB_ = 0;
+};
+
+}  // namespace PimTest
+
+// Makes `lab` in a test body; skips the test when no lab can run here, fails when CI requires one
+// or when making it failed.
+#define PIMIO_NETNS_LAB(lab)                                                               \
+  if (const std::string why = ::PimTest::NetnsLab::unavailableReason(); !why.empty()) {   \
+    if (::PimTest::NetnsLab::required()) FAIL() << "CI=true but " << why;                 \
+    GTEST_SKIP() << why;                                                                  \
+  }                                                                                        \
+  ::PimTest::NetnsLab lab;                                                                 \
+  ASSERT_TRUE(lab.ok()) << lab.error()
