@@ -30,6 +30,10 @@ template <>
 inline constexpr TextTable textTableOf<HeaderText> = TextTable::header;
 std::string_view textOf(HeaderText row);
 
+// The PIM type number, the low 4 bits of the first header byte (0 to 15): it indexes the receive
+// slots and the counters.
+using MessageType = U8;
+
 class Message : public Loom::Entity, public FailureRecord {
  public:
   explicit Message(Knet::PimMessageType pimMessageType);
