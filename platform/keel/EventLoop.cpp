@@ -95,8 +95,11 @@ void EventLoop::fdWatchIs(int fd, FdWatch* watch) {
 void EventLoop::fdWatchDel(int fd) {
   if (!fdWatch(fd)) return;
   watches_[fd] = nullptr;
-  // Fails when the descriptor was closed first, which already took it out of the epoll set.
-  if (epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr) != 0) errorsInc("epoll_ctl del", fd, errno);
+  // A descriptor closed first has left the epoll set already (EBADF), and its number may belong to
+  // a file never added (ENOENT): neither is a failure. Sockets close before they tell who watches.
+  if (epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr) != 0 && errno != EBADF && errno != ENOENT) {
+    errorsInc("epoll_ctl del", fd, errno);
+  }
 }
 
 // The wheel's clock need not be CLOCK_MONOTONIC (tests drive a manual one): the expiry is the
