@@ -132,6 +132,15 @@ void IpPam::enabledIs(bool v) {
   if (fd_ < 0) return;
   optionsApply(allFlags);
   if (priority_ != 0) optionSet(SOL_SOCKET, SO_PRIORITY, int(priority_), "setsockopt SO_PRIORITY");
+  if (isV4(af_)) {
+    optionSet(IPPROTO_IP, IP_TTL, defaultTxTtl, "setsockopt IP_TTL");
+    optionSet(IPPROTO_IP, IP_MULTICAST_TTL, defaultTxTtl, "setsockopt IP_MULTICAST_TTL");
+    optionSet(IPPROTO_IP, IP_TOS, defaultTxTos, "setsockopt IP_TOS");
+  } else {
+    optionSet(IPPROTO_IPV6, IPV6_UNICAST_HOPS, defaultTxTtl, "setsockopt IPV6_UNICAST_HOPS");
+    optionSet(IPPROTO_IPV6, IPV6_MULTICAST_HOPS, defaultTxTtl, "setsockopt IPV6_MULTICAST_HOPS");
+    optionSet(IPPROTO_IPV6, IPV6_TCLASS, defaultTxTos, "setsockopt IPV6_TCLASS");
+  }
   for (const Group& g : groups_) groupApply(g, true);
   notifiees_.notify(&Notifiee::onEnabled);
 }
@@ -405,19 +414,15 @@ bool IpPam::txPkt(const Pkt& pkt, const TxParams& p) {
     pi.ipi_ifindex = int(p.ifIndex);
     if (!full && p.src.af() == AddressFamily::ipv4) std::memcpy(&pi.ipi_spec_dst, p.src.bytes(), 4);
     std::memcpy(cmsgAdd(m, c, IPPROTO_IP, IP_PKTINFO, sizeof(pi)), &pi, sizeof(pi));
-    if (!full) {
-      cmsgAddInt(m, c, IPPROTO_IP, IP_TTL, p.ttl);
-      cmsgAddInt(m, c, IPPROTO_IP, IP_TOS, p.tos);
-    }
+    if (!full && p.ttl != defaultTxTtl) cmsgAddInt(m, c, IPPROTO_IP, IP_TTL, p.ttl);
+    if (!full && p.tos != defaultTxTos) cmsgAddInt(m, c, IPPROTO_IP, IP_TOS, p.tos);
   } else {
     in6_pktinfo pi{};
     pi.ipi6_ifindex = p.ifIndex;
     if (!full && p.src.af() == AddressFamily::ipv6) std::memcpy(&pi.ipi6_addr, p.src.bytes(), 16);
     std::memcpy(cmsgAdd(m, c, IPPROTO_IPV6, IPV6_PKTINFO, sizeof(pi)), &pi, sizeof(pi));
-    if (!full) {
-      cmsgAddInt(m, c, IPPROTO_IPV6, IPV6_HOPLIMIT, p.ttl);
-      cmsgAddInt(m, c, IPPROTO_IPV6, IPV6_TCLASS, p.tos);
-    }
+    if (!full && p.ttl != defaultTxTtl) cmsgAddInt(m, c, IPPROTO_IPV6, IPV6_HOPLIMIT, p.ttl);
+    if (!full && p.tos != defaultTxTos) cmsgAddInt(m, c, IPPROTO_IPV6, IPV6_TCLASS, p.tos);
   }
   m.msg_controllen = reinterpret_cast<U8*>(c) + CMSG_SPACE(c->cmsg_len - CMSG_LEN(0)) - control;
   if (::sendmsg(fd_, &m, 0) < 0) {

@@ -48,12 +48,18 @@ struct RxPkt {
 };
 
 // How one packet is sent. In the header-included modes only ifIndex and dst are used.
+// The TTL and TOS that PIM sends most (TTL 1, internetwork-control precedence) are the socket's
+// own options, set when it opens; a packet with others carries its own as ancillary data, which
+// costs the kernel an allocation per send.
+constexpr U8 defaultTxTtl = 1;
+constexpr U8 defaultTxTos = 192;
+
 struct TxParams {
   U32 ifIndex = 0;
   IpGenAddr src;
   IpGenAddr dst;
-  U8 ttl = 1;
-  U8 tos = 0;
+  U8 ttl = defaultTxTtl;
+  U8 tos = defaultTxTos;
 };
 
 class IpPam : public Loom::Entity {
@@ -148,8 +154,8 @@ class IpPam : public Loom::Entity {
   // at the protocol header (the kernel strips the IPv6 header).
   size_t rxPktBatch(std::vector<RxPkt>& out, size_t max);
   // Sends one packet to p.dst with one sendmsg, naming the source and outgoing interface
-  // (IP_PKTINFO / IPV6_PKTINFO) and TTL and TOS (IP_TTL, IP_TOS / IPV6_HOPLIMIT, IPV6_TCLASS) as
-  // ancillary data. In the header-included modes `pkt` holds the whole packet and only p.dst and
+  // (IP_PKTINFO / IPV6_PKTINFO) and, when they are not the socket's defaults, TTL and TOS (IP_TTL,
+  // IP_TOS / IPV6_HOPLIMIT, IPV6_TCLASS) as ancillary data. In the header-included modes `pkt` holds the whole packet and only p.dst and
   // p.ifIndex are used. Returns false on failure (counted in txErrors), true on success.
   bool txPkt(const Pkt& pkt, const TxParams& p);
 
