@@ -5,39 +5,9 @@
 
 #include <filesystem>
 
-#include "knet/IpHdr.h"
-#include "knet/PimHdr.h"
 #include "tests/tools/CliTestSupport.h"
 
 namespace TsharkTest {
-
-using Knet::AddressFamily;
-using Knet::IpGenAddr;
-
-std::vector<U8> frame(AddressFamily af, const IpGenAddr& src, const std::vector<U8>& pim, const IpGenAddr& dst) {
-  const IpGenAddr to = dst.isSet() ? dst : Knet::allPimRouters(af);
-  const bool v4 = af == AddressFamily::ipv4;
-  std::vector<U8> f = {0x01, 0x00, 0x5e, 0x00, 0x00, 0x0d,  // to 224.0.0.13's MAC (IPv6: 33:33:00:00:00:0d)
-                       0x02, 0x00, 0x00, 0x00, 0x00, 0x01,  // from a local MAC
-                       0x08, 0x00};                         // IPv4 (IPv6: 0x86dd)
-  if (!v4) {
-    f[0] = f[1] = 0x33;
-    f[2] = 0x00;
-    f[12] = 0x86;
-    f[13] = 0xdd;
-  }
-  const size_t ip = f.size();
-  const U32 ipSize = v4 ? Knet::IpHdr::minSize : Knet::Ip6Hdr::size;
-  f.resize(ip + ipSize);
-  const U16 pimSize = static_cast<U16>(pim.size());
-  if (v4) {
-    Knet::IpHdr::write(f.data() + ip, 192, static_cast<U16>(ipSize + pimSize), 1, Knet::ipProtoPim, src, to);
-  } else {
-    Knet::Ip6Hdr::write(f.data() + ip, 192, pimSize, Knet::ipProtoPim, 1, src, to);
-  }
-  f.insert(f.end(), pim.begin(), pim.end());
-  return f;
-}
 
 const Json& child(const Json& j, const std::string& key) {
   static const Json missing;

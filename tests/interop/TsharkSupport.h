@@ -1,6 +1,6 @@
 #pragma once
-// What the tshark oracle tests share: framing a PIM message as the transmit path sends it,
-// dissecting a capture once with `tshark -T json`, and reading tshark's JSON.
+// What the tshark oracle tests share: dissecting a capture once with `tshark -T json`, and reading
+// tshark's JSON.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -13,11 +13,6 @@
 namespace TsharkTest {
 
 using Json = nlohmann::ordered_json;  // keeps tshark's order of fields
-
-// The frame of one message: Ethernet, then the IP header that the transmit path adds (TTL or hop
-// limit 1, TOS or traffic class 192) to `dst`, ALL-PIM-ROUTERS when it is unset.
-std::vector<U8> frame(Knet::AddressFamily af, const Knet::IpGenAddr& src, const std::vector<U8>& pim,
-                      const Knet::IpGenAddr& dst = Knet::IpGenAddr());
 
 // The member of an object, or null.
 const Json& child(const Json& j, const std::string& key);

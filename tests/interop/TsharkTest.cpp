@@ -16,6 +16,7 @@
 
 #include "PimMessage/JoinPruneMessage.h"
 #include "TsharkSupport.h"
+#include "knet/IpPacket.h"
 #include "support/JoinPruneTrees.h"
 
 namespace {
@@ -336,7 +337,11 @@ class TsharkJoinPrune : public OracleTest<Packets> {
         if (!p.tree.tree->bookmark()) break;
       }
       p.firstFrame = frames.size();
-      for (const Bytes& b : p.pim) frames.push_back(frame(af, sender, b));
+      for (const Bytes& b : p.pim) {
+        auto ip = Knet::pktFactory(b);
+        Knet::addIpHeader(*ip, sender, Knet::allPimRouters(af));
+        frames.push_back(PimioTest::ethernet(Bytes(ip->data(), ip->data() + ip->size())));
+      }
       encoded_.push_back(std::move(p));
     }
     dissectFrames(frames);
