@@ -1,10 +1,11 @@
 // pimio: the command line of the PIM packet I/O library. Verbs: decode a capture, encode JSON
-// Lines into a capture.
+// Lines into a capture, read a running agent's message counters.
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
 #include "loom/Trace.h"
+#include "tools/pimio/Counters.h"
 #include "tools/pimio/Decode.h"
 #include "tools/pimio/Encode.h"
 
@@ -80,10 +81,25 @@ texts. A summary goes to standard error: "encoded N, failed N, skipped N", follo
 Exit status: 0 when every line was encoded or skipped; 1 when some lines failed (the others
 are written); 2 when the input or the output cannot be opened or written.)";
 
+// What counters prints and how it ends, for its --help.
+constexpr const char* kCountersHelp =
+    R"help(Reads the message counter table that an agent running the pimio library keeps in shared
+memory (/dev/shm/pimio-<vrf>-ipv4 or -ipv6) while it runs, without disturbing it. One line per
+interface, message type and subtype, the totals of all interfaces ("(all)") and of all subtypes
+("all") first, with six counts: messages received and handed to the agent (rx-valid), dropped by
+policy or not wanted (rx-filtered), rejected as invalid (rx-invalid), and the same for sent ones.
+--json prints {"vrf":...,"af":4,"table":...,"counters":[{"interface":null|NAME,"type":"hello",
+"subtype":"all","rx":{"valid":N,"filtered":N,"invalid":N},"tx":{...}}...]}.
+--prometheus prints one metric family, pimio_messages_total, with the labels vrf, af, interface,
+type, subtype, direction (rx, tx) and kind (valid, filtered, invalid), for a scrape by a textfile
+collector or a wrapper.
+Exit status: 0 when the table was read; 1 when there is no table for that VRF and family (no
+agent runs it); 2 when the table is corrupt or of another layout, or on a usage error.)help";
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"pimio: decode and encode PIM version 2 messages with the pimio codec."};
+  CLI::App app{"pimio: decode and encode PIM version 2 messages with the pimio codec, and read an agent's counters."};
   app.require_subcommand(1);
   app.fallthrough();
   app.footer("Exit status 2 also stands for a usage error. Run 'pimio VERB --help' for a verb's options.");
@@ -111,6 +127,19 @@ int main(int argc, char** argv) {
   encodeCmd->add_option("--out,-o", encode.output, "The pcap file to write (created or truncated).")->required();
   encodeCmd->add_option("INPUT", encode.input, "The JSON Lines to read; standard input if absent or -.");
 
+  Pimio::Cli::CountersOptions counters;
+  CLI::App* countersCmd = app.add_subcommand("counters", "Read a running agent's PIM message counters.");
+  countersCmd->footer(kCountersHelp);
+  countersCmd->add_option("--vrf", counters.vrf, "The agent's VRF (default: the default VRF).");
+  countersCmd->add_option("--af", counters.af, "Address family, 4 or 6 (default 4).")->check(CLI::IsMember({4, 6}));
+  countersCmd->add_option("--interface", counters.interface, "Only the counts of this interface.");
+  auto* json = countersCmd->add_flag("--json", counters.json, "One JSON object instead of the table.");
+  countersCmd->add_flag("--prometheus", counters.prometheus, "The Prometheus text exposition format.")->excludes(json);
+  countersCmd->add_option("--watch", counters.watch, "Read again every SECONDS until interrupted.")
+      ->check(CLI::PositiveNumber);
+  countersCmd->add_option("--count", counters.count, "With --watch: stop after N readings.")
+      ->check(CLI::PositiveNumber);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -118,5 +147,6 @@ int main(int argc, char** argv) {
     return status == 0 ? 0 : 2;
   }
   if (decodeCmd->parsed()) return Pimio::Cli::decodeCapture(decode, std::cout, std::cerr);
+  if (countersCmd->parsed()) return Pimio::Cli::showCounters(counters, std::cout, std::cerr);
   return Pimio::Cli::encodeLines(encode, std::cerr);
 }
