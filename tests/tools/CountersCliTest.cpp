@@ -17,6 +17,7 @@ using Lines = std::vector<std::string>;
 class PimioCounters : public ::testing::Test {
  protected:
   void SetUp() override {
+    std::filesystem::create_directories(dir_);
     table_ = Routing::Pim::Cask::messageCountersFactory(vrf_, Knet::AddressFamily::ipv4, 64);
     ASSERT_TRUE(table_->usable());
     // Totals of Hellos, the Hellos of eth1, and DF election Winners (subtype 2) on eth1.
@@ -24,11 +25,14 @@ class PimioCounters : public ::testing::Test {
     table_->msgCounterIs({CounterKey{Knet::IntfId("eth1"), 0, 255}, 0, 1, 2, 0, 0, 7});
     table_->msgCounterIs({CounterKey{Knet::IntfId("eth1"), 10, 2}, 4, 0, 0, 0, 0, 0});
   }
-  void TearDown() override { table_->unlink(); }
+  void TearDown() override {
+    if (table_) table_->unlink();
+    std::filesystem::remove_all(dir_);
+  }
   RunResult run(const std::string& args) const { return sh(dir_, "PIMIO counters --vrf " + vrf_ + " " + args); }
 
   const std::string vrf_ = "test" + std::to_string(getpid());
-  const std::string dir_ = std::filesystem::temp_directory_path().string();
+  const std::string dir_ = (std::filesystem::temp_directory_path() / ("pimio_counters_" + vrf_)).string();
   Loom::Ptr<Routing::Pim::Cask::MessageCounters> table_;
 };
 
