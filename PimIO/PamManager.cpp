@@ -154,7 +154,8 @@ Loom::Ptr<Intf> PamManager::intfIs(const Knet::IntfId& id) {
   return it->second;
 }
 void PamManager::intfDel(const Knet::IntfId& id) {
-  if (intf_.erase(id)) notifiees_.notify(&Notifiee::onIntf, id);
+  const Knet::IntfId key = id;  // `id` may be the erased entry's own key (intfDelAll)
+  if (intf_.erase(key)) notifiees_.notify(&Notifiee::onIntf, key);
 }
 void PamManager::intfDelAll() {
   while (!intf_.empty()) intfDel(intf_.begin()->first);

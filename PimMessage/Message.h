@@ -33,6 +33,8 @@ std::string_view textOf(HeaderText row);
 // The PIM type number, the low 4 bits of the first header byte (0 to 15): it indexes the receive
 // slots and the counters.
 using MessageType = U8;
+// A message's subtype (the DF election subtype); 255 stands for none or all.
+using MessageSubtype = U8;
 
 class Message : public Loom::Entity, public FailureRecord {
  public:

@@ -1,0 +1,185 @@
+#pragma once
+// The I/O state machine of one PIM instance (one address family in one VRF). It owns no socket:
+// it is wired to the packet access manager, the message counter table and the agent's status and
+// configuration, and turns changes of those into calls of its handlers, through reactors it owns.
+// This is its frame: construction, attributes, reactors with their catch-up, and the counters.
+// The receive and transmit paths, the unresolved-packet queues, interface membership and the
+// kernel filter fill the handlers that stand empty here.
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "Agent/Acl.h"
+#include "Agent/IntfStatusDir.h"
+#include "Agent/IpIntfStatus.h"
+#include "Agent/McastBoundary.h"
+#include "Agent/PimAttrLogSm.h"
+#include "Agent/PimConfig.h"
+#include "Agent/PimStatus.h"
+#include "PimIO/MessageCounters.h"
+#include "PimIO/PamManager.h"
+#include "keel/TimerWheel.h"
+
+namespace Routing::Pim::IO {
+
+enum class MessageCounterDirection : U8 { directionTx = 0, directionRx = 1 };
+enum class MessageCounterType : U8 { counterInvalid = 0, counterFiltered = 1, counterValid = 2 };
+std::string stringValue(MessageCounterDirection d);
+std::string stringValue(MessageCounterType t);
+std::string valueToStrep(MessageCounterDirection d);
+std::string valueToStrep(MessageCounterType t);
+std::ostream& operator<<(std::ostream& os, MessageCounterDirection d);
+std::ostream& operator<<(std::ostream& os, MessageCounterType t);
+
+class IOSm : public Loom::Entity {
+ public:
+  static constexpr U32 unresQDepthDefault = 1024;
+  static constexpr double unresTimeoutDefault = 5.0;
+  static constexpr double loopQuantumDefault = 0.5;
+
+  IOSm(Loom::Ptr<PamManager> pimPamManager, Loom::Ptr<Cask::MessageCounters> pimCounters,
+       Loom::Ptr<const Status> pimStatus, Loom::Ptr<const ConfigColl> pimConfigColl,
+       Loom::Ptr<const IpGen::IntfStatus> ipGenIntfStatus, Loom::Ptr<const Acl::AclTypeConfig> aclConfig,
+       Loom::Ptr<const Interface::DeviceIntfStatusDir> kernelIntfStatusDir,
+       Loom::Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir, Loom::Ptr<PimAttrLogSm> pimAttrLogSm,
+       Loom::Ptr<Keel::Timer> unresTimer, Loom::Ptr<const McastBoundary::Status> mcastBoundaryStatus);
+  ~IOSm() override;
+
+  const Loom::Ptr<PamManager>& pimPamManager() const { return pimPamManager_; }
+  void pimPamManagerIs(const Loom::Ptr<PamManager>& m);
+  void pimPamManagerDel() { pimPamManagerIs(nullptr); }
+  const Loom::Ptr<Cask::MessageCounters>& pimCounters() const { return pimCounters_; }
+  const Loom::Ptr<const Status>& pimStatus() const { return pimStatus_; }
+  void pimStatusIs(const Loom::Ptr<const Status>& s);
+  void pimStatusDel() { pimStatusIs(nullptr); }
+  const Loom::Ptr<const ConfigColl>& pimConfigColl() const { return pimConfigColl_; }
+  const Loom::Ptr<const IpGen::IntfStatus>& ipGenIntfStatus() const { return ipGenIntfStatus_; }
+  const Loom::Ptr<const Acl::AclTypeConfig>& aclConfig() const { return aclConfig_; }
+  const Loom::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir() const { return kernelIntfStatusDir_; }
+  void kernelIntfStatusDirIs(const Loom::Ptr<const Interface::DeviceIntfStatusDir>& d);
+  void kernelIntfStatusDirDel() { kernelIntfStatusDirIs(nullptr); }
+  const Loom::Ptr<const Interface::AllIntfStatusDir>& allIntfStatusDir() const { return allIntfStatusDir_; }
+  const Loom::Ptr<PimAttrLogSm>& pimAttrLogSm() const { return pimAttrLogSm_; }
+  // The timer of the unresolved-packet queues' review, made by the agent on its timer wheel.
+  const Loom::Ptr<Keel::Timer>& unresTimer() const { return unresTimer_; }
+  void unresTimerIs(const Loom::Ptr<Keel::Timer>& t);
+  void unresTimerDel() { unresTimerIs(nullptr); }
+  const Loom::Ptr<const McastBoundary::Status>& mcastBoundaryStatus() const { return mcastBoundaryStatus_; }
+
+  bool bidir() const { return bidir_; }
+  void bidirIs(bool v) { bidir_ = v; }
+  const Loom::Ptr<const Boundary::McastBoundary>& mcastBoundary() const { return mcastBoundary_; }
+  void mcastBoundaryIs(const Loom::Ptr<const Boundary::McastBoundary>& b) { mcastBoundary_ = b; }
+  U32 unresQDepth() const { return unresQDepth_; }
+  void unresQDepthIs(U32 v) { unresQDepth_ = v; }
+  double unresTimeout() const { return unresTimeout_; }
+  void unresTimeoutIs(double v) { unresTimeout_ = v; }
+  double loopQuantum() const { return loopQuantum_; }
+  void loopQuantumIs(double v) { loopQuantum_ = v; }
+  const std::set<Knet::IntfId>& allPimRoutersMember() const { return allPimRoutersMember_; }
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool v) { initialized_ = v; }
+
+  // The manager's socket in use; null without a manager or socket.
+  Knet::IpPam* pimPam() const { return pimPamManager_ ? pimPamManager_->pam().ptr() : nullptr; }
+  // The VRF of the PIM status ("" without one); every trace line starts "<Vrf:" it ">".
+  std::string vrfName() const { return pimStatus_ ? pimStatus_->vrfName() : std::string(); }
+
+  // The per-interface reactors, one per PIM interface of the status.
+  class PimIntfSm;
+  const std::map<Knet::IntfId, std::unique_ptr<PimIntfSm>>& pimIntf() const { return pimIntf_; }
+  void pimIntfIs(const Loom::Ptr<const Pim::Intf>& intf);
+  void pimIntfDel(const Knet::IntfId& id);
+  void pimIntfDelAll();
+
+  // The state machine and every reactor it owns forward callbacks only while active.
+  bool hasNotificationActive() const { return active_; }
+  void hasNotificationActiveIs(bool v);
+  // The framework tears the machine down while it is still referenced: no reactor forwards more.
+  void loomDoZombieReactors(bool zombie);
+
+  // Counts one message in the table (totals, interface, subtype) and in the manager's counter.
+  void updateCounter(MessageCounterDirection dir, Knet::PimMessageType type, Packet::MessageSubtype subtype,
+                     const Knet::IntfId& intfId, MessageCounterType ct);
+  static void incCounter(MessageCounterDirection dir, MessageCounterType ct,
+                         const Loom::Ptr<Cask::MessageCounters>& counters, const Cask::CounterKey& key);
+
+  void handleInitialized();
+  // Handlers that the reactors reach; the paths that fill them come with the receive path, the
+  // transmit path, the queues, membership and the kernel filter.
+  void rxPkt();
+  void txPkt();
+  void handleTxSuccess();
+  void handleTxError();
+  void handlePamFilter();
+  void handlePimInterface(const Knet::IntfId& id);
+  void handleInterface();
+  void handleInterface(const Knet::IntfId& id);
+  void handleUnresolvedPackets();
+
+ private:
+  friend Loom::Ptr<IOSm> IOSmIs(Loom::Ptr<PamManager>, Loom::Ptr<Cask::MessageCounters>, Loom::Ptr<const Status>,
+                                Loom::Ptr<const ConfigColl>, Loom::Ptr<const IpGen::IntfStatus>,
+                                Loom::Ptr<const Acl::AclTypeConfig>, Loom::Ptr<const Interface::DeviceIntfStatusDir>,
+                                Loom::Ptr<const Interface::AllIntfStatusDir>, Loom::Ptr<PimAttrLogSm>,
+                                Loom::Ptr<Keel::Timer>, Loom::Ptr<const McastBoundary::Status>);
+  class LoomPimPamManager;
+  class LoomPimStatus;
+  class LoomKernelIntfStatusDir;
+  class LoomUnresTimer;
+  class Loom_PamIn;
+  class Loom_TxMessageInfoIn;
+  template <class R, class E>
+  void reactorIs(std::unique_ptr<R>& reactor, const Loom::Ptr<E>& watched, bool catchUp);
+  void loom_PamInIs(Knet::IpPam* pam);
+  void loom_TxMessageInfoInIs(const Loom::Ptr<MessageInfo>& info);
+  void trace(int level, const std::string& text) const;
+
+  Loom::Ptr<PamManager> pimPamManager_;
+  Loom::Ptr<Cask::MessageCounters> pimCounters_;
+  Loom::Ptr<const Status> pimStatus_;
+  Loom::Ptr<const ConfigColl> pimConfigColl_;
+  Loom::Ptr<const IpGen::IntfStatus> ipGenIntfStatus_;
+  Loom::Ptr<const Acl::AclTypeConfig> aclConfig_;
+  Loom::Ptr<const Interface::DeviceIntfStatusDir> kernelIntfStatusDir_;
+  Loom::Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir_;
+  Loom::Ptr<PimAttrLogSm> pimAttrLogSm_;
+  Loom::Ptr<Keel::Timer> unresTimer_;
+  Loom::Ptr<const McastBoundary::Status> mcastBoundaryStatus_;
+  bool bidir_ = false;
+  Loom::Ptr<const Boundary::McastBoundary> mcastBoundary_;
+  U32 unresQDepth_ = unresQDepthDefault;
+  double unresTimeout_ = unresTimeoutDefault;
+  std::map<Knet::IntfId, std::unique_ptr<PimIntfSm>> pimIntf_;
+  double loopQuantum_ = loopQuantumDefault;
+  std::set<Knet::IntfId> allPimRoutersMember_;
+  bool initialized_ = false;
+  bool active_ = false;
+  std::unique_ptr<LoomPimPamManager> loomPimPamManager_;
+  std::unique_ptr<LoomPimStatus> loomPimStatus_;
+  std::unique_ptr<LoomKernelIntfStatusDir> loomKernelIntfStatusDir_;
+  std::unique_ptr<LoomUnresTimer> loomUnresTimer_;
+  std::unique_ptr<Loom_PamIn> loom_PamIn_;
+  std::unique_ptr<Loom_TxMessageInfoIn> loom_TxMessageInfoIn_;
+};
+
+// Makes the state machine with these arguments and makes it active: how the agent creates it.
+Loom::Ptr<IOSm> IOSmIs(Loom::Ptr<PamManager> pimPamManager, Loom::Ptr<Cask::MessageCounters> pimCounters,
+                       Loom::Ptr<const Status> pimStatus, Loom::Ptr<const ConfigColl> pimConfigColl,
+                       Loom::Ptr<const IpGen::IntfStatus> ipGenIntfStatus,
+                       Loom::Ptr<const Acl::AclTypeConfig> aclConfig,
+                       Loom::Ptr<const Interface::DeviceIntfStatusDir> kernelIntfStatusDir,
+                       Loom::Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir,
+                       Loom::Ptr<PimAttrLogSm> pimAttrLogSm, Loom::Ptr<Keel::Timer> unresTimer,
+                       Loom::Ptr<const McastBoundary::Status> mcastBoundaryStatus);
+Loom::Ptr<IOSm> iOSmFactory(Loom::Ptr<PamManager> pimPamManager, Loom::Ptr<Cask::MessageCounters> pimCounters,
+                            Loom::Ptr<const Status> pimStatus, Loom::Ptr<const ConfigColl> pimConfigColl,
+                            Loom::Ptr<const IpGen::IntfStatus> ipGenIntfStatus,
+                            Loom::Ptr<const Acl::AclTypeConfig> aclConfig,
+                            Loom::Ptr<const Interface::DeviceIntfStatusDir> kernelIntfStatusDir,
+                            Loom::Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir,
+                            Loom::Ptr<PimAttrLogSm> pimAttrLogSm, Loom::Ptr<Keel::Timer> unresTimer,
+                            Loom::Ptr<const McastBoundary::Status> mcastBoundaryStatus);
+
+}  // namespace Routing::Pim::IO
