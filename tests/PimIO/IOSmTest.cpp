@@ -63,6 +63,8 @@ TEST(IOSm, ConstructionOrderAndDefaults) {
   EXPECT_EQ(sm->mcastBoundary()->name(), "PimIO");
   EXPECT_EQ(sm->pimPam()->maxRxPktData(), 65535u);
   EXPECT_EQ(Knet::PktManager::instance().maxPktSize(), 65535u);
+  a.boundary = nullptr;
+  EXPECT_FALSE(a.sm()->mcastBoundary()) << "no boundary status, no boundary";
 }
 
 // What each change of a watched object reaches, in order; the same object again reaches nothing.
@@ -150,6 +152,9 @@ TEST(IOSm, IncCounterCountsByDirectionAndType) {
       {rx, valid}};
   for (const auto& [dir, ct] : events) IOSm::incCounter(dir, ct, a.counters, k);
   EXPECT_EQ(a.counters->msgCounter(k), (MessageCounterData{k, 1, 0, 1, 1, 2, 0}));
+  a.counters->msgCounterIs({k, 0, 0, 0xffffffff});
+  IOSm::incCounter(rx, valid, a.counters, k);
+  EXPECT_EQ(a.counters->msgCounter(k).rxValid, 0u) << "counts wrap";
   EXPECT_EQ(stringValue(MessageCounterType::counterFiltered) + " " + valueToStrep(rx), "counterFiltered directionRx");
 }
 
