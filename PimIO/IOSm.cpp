@@ -279,14 +279,39 @@ void IOSm::loomDoZombieReactors(bool zombie) {
 
 // ---- Counters
 
+namespace {
+
+Cask::MessageCounters::Count countOf(MessageCounterDirection dir, MessageCounterType ct) {
+  using C = Cask::MessageCounters::Count;
+  const bool rx = dir != MessageCounterDirection::directionTx;
+  switch (ct) {
+    case MessageCounterType::counterInvalid: return rx ? C::rxInvalid : C::txInvalid;
+    case MessageCounterType::counterFiltered: return rx ? C::rxFiltered : C::txFiltered;
+    default: return rx ? C::rxValid : C::txValid;
+  }
+}
+
+}  // namespace
+
+// Totals, the interface, and each with the subtype. The entries' handles are kept per interface
+// (and dropped when the table deletes a key), so a count costs one lookup of the interface.
 void IOSm::updateCounter(MessageCounterDirection dir, Knet::PimMessageType type, Packet::MessageSubtype subtype,
                          const Knet::IntfId& intfId, MessageCounterType ct) {
-  const U8 t = type.type();
-  incCounter(dir, ct, pimCounters_, {Knet::IntfId(), t, Cask::CounterKey::anySubtype});
-  if (!intfId.isEmpty()) incCounter(dir, ct, pimCounters_, {intfId, t, Cask::CounterKey::anySubtype});
-  if (subtype < Cask::CounterKey::anySubtype) {
-    incCounter(dir, ct, pimCounters_, {Knet::IntfId(), t, subtype});
-    if (!intfId.isEmpty()) incCounter(dir, ct, pimCounters_, {intfId, t, subtype});
+  if (pimCounters_) {
+    if (pimCounters_->slotGeneration() != slotGeneration_) {
+      totalSlots_ = CounterSlots();
+      intfSlots_.clear();
+      slotGeneration_ = pimCounters_->slotGeneration();
+    }
+    const U8 t = type.type();
+    const auto count = countOf(dir, ct);
+    CounterSlots* intf = intfId.isEmpty() ? nullptr : &intfSlots_[intfId];
+    countIn(totalSlots_, Knet::IntfId(), t, Cask::CounterKey::anySubtype, count);
+    if (intf) countIn(*intf, intfId, t, Cask::CounterKey::anySubtype, count);
+    if (subtype < Cask::CounterKey::anySubtype) {
+      countIn(totalSlots_, Knet::IntfId(), t, subtype, count);
+      if (intf) countIn(*intf, intfId, t, subtype, count);
+    }
   }
   if (!pimPamManager_) return;
   const auto& counter =
@@ -294,17 +319,25 @@ void IOSm::updateCounter(MessageCounterDirection dir, Knet::PimMessageType type,
   if (counter) counter->processedInc(1);
 }
 
+void IOSm::countIn(CounterSlots& slots, const Knet::IntfId& intfId, U8 type, Packet::MessageSubtype subtype,
+                   Cask::MessageCounters::Count count) {
+  if (subtype != Cask::CounterKey::anySubtype && subtype >= 16) {
+    const long s = pimCounters_->counterSlotIs({intfId, type, subtype});
+    if (s >= 0) pimCounters_->counterInc(s, count);
+    return;
+  }
+  long& s = slots.slot[type * 17u + (subtype == Cask::CounterKey::anySubtype ? 0u : subtype + 1u)];
+  if (s == unknownSlot) s = pimCounters_->counterSlotIs({intfId, type, subtype});
+  if (s >= 0) pimCounters_->counterInc(s, count);
+}
+
+// Finds (or makes, with every count 0) the key's entry and raises the count of the direction and
+// type by one, in one write.
 void IOSm::incCounter(MessageCounterDirection dir, MessageCounterType ct,
                       const Loom::Ptr<Cask::MessageCounters>& counters, const Cask::CounterKey& key) {
   if (!counters) return;
-  if (counters->msgCounter(key) == Cask::MessageCounterData{}) counters->msgCounterIs(Cask::MessageCounterData{key});
-  Cask::MessageCounterData d = counters->msgCounter(key);
-  const bool rx = dir != MessageCounterDirection::directionTx;
-  U32& n = ct == MessageCounterType::counterInvalid    ? (rx ? d.rxInvalid : d.txInvalid)
-           : ct == MessageCounterType::counterFiltered ? (rx ? d.rxFiltered : d.txFiltered)
-                                                       : (rx ? d.rxValid : d.txValid);
-  ++n;
-  counters->msgCounterIs(d);
+  const long s = counters->counterSlotIs(key);
+  if (s >= 0) counters->counterInc(s, countOf(dir, ct));
 }
 
 // ---- Initialisation and the handlers

@@ -5,8 +5,10 @@
 // This is its frame: construction, attributes, reactors with their catch-up, and the counters.
 // The receive and transmit paths, the unresolved-packet queues, interface membership and the
 // kernel filter fill the handlers that stand empty here.
+#include <array>
 #include <map>
 #include <memory>
+#include <unordered_map>
 #include <set>
 #include <string>
 
@@ -135,6 +137,16 @@ class IOSm : public Loom::Entity {
   void loom_PamInIs(Knet::IpPam* pam);
   void loom_TxMessageInfoInIs(const Loom::Ptr<MessageInfo>& info);
   void trace(int level, const std::string& text) const;
+  // The counter table's handles by type and subtype of one interface (or of the totals), so that a
+  // count finds its entry without hashing its key: index type * 17 + (subtype + 1), 0 for all
+  // subtypes; unknownSlot until first used. DF election subtypes fit; larger ones take the slow way.
+  static constexpr long unknownSlot = -2;
+  struct CounterSlots {
+    std::array<long, 16 * 17> slot;
+    CounterSlots() { slot.fill(unknownSlot); }
+  };
+  void countIn(CounterSlots& slots, const Knet::IntfId& intfId, U8 type, Packet::MessageSubtype subtype,
+               Cask::MessageCounters::Count count);
 
   Loom::Ptr<PamManager> pimPamManager_;
   Loom::Ptr<Cask::MessageCounters> pimCounters_;
@@ -156,6 +168,9 @@ class IOSm : public Loom::Entity {
   std::set<Knet::IntfId> allPimRoutersMember_;
   bool initialized_ = false;
   bool active_ = false;
+  CounterSlots totalSlots_;
+  std::unordered_map<Knet::IntfId, CounterSlots> intfSlots_;
+  U64 slotGeneration_ = 0;
   std::unique_ptr<LoomPimPamManager> loomPimPamManager_;
   std::unique_ptr<LoomPimStatus> loomPimStatus_;
   std::unique_ptr<LoomKernelIntfStatusDir> loomKernelIntfStatusDir_;

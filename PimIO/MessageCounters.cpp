@@ -21,7 +21,9 @@ struct StoredValue {
 };
 static_assert(std::is_trivially_copyable_v<StoredKey> && std::is_trivially_copyable_v<StoredValue>);
 static_assert(sizeof(StoredKey) == 56 && offsetof(StoredKey, messageType) == 48, "the stored key layout is fixed");
-static_assert(sizeof(StoredValue) == 24, "the stored value layout is fixed");
+static_assert(sizeof(StoredValue) == 24 && offsetof(StoredValue, txValid) ==
+                                               static_cast<size_t>(MessageCounters::Count::txValid) * 4,
+              "the stored value layout is fixed, in the order of MessageCounters::Count");
 
 constexpr ::Cask::ShmLayout counterLayout{counterLayoutVersion, sizeof(StoredKey), sizeof(StoredValue)};
 static_assert(counterLayout.entrySize() == 88);
@@ -103,6 +105,16 @@ void MessageCounters::msgCounterIs(const MessageCounterData& data) {
   }
   const StoredValue v{data.rxInvalid, data.rxFiltered, data.rxValid, data.txInvalid, data.txFiltered, data.txValid};
   table_.entryIs(&k, &v);
+}
+
+long MessageCounters::counterSlotIs(const CounterKey& key) {
+  StoredKey k;
+  if (!encode(key, k)) {
+    msgCounterIs(MessageCounterData{key});  // refuses and traces the long name
+    return -1;
+  }
+  const StoredValue zero{};
+  return table_.slotIs(&k, &zero);
 }
 
 void MessageCounters::msgCounterDel(const CounterKey& key) {

@@ -371,6 +371,7 @@ bool ShmTable::entryDel(const void* key) {
   find(key, p);
   if (p.at < 0) return false;
   write(static_cast<U32>(p.at), SlotState::deleted, nullptr, nullptr);
+  ++generation_;
   header_->entryCount.store(entryCount() - 1, std::memory_order_relaxed);
   header_->tombstones.store(tombstones() + 1, std::memory_order_relaxed);
   // With no key left no probe needs the tombstones any more.
@@ -384,11 +385,44 @@ void ShmTable::entryDelAll() {
     return;
   }
   LOOM_ASSERT(writer_, "write to a shared-memory table opened for reading");
+  ++generation_;
   for (U32 i = 0; i < capacity_; ++i) {
     if (loadState(head(i)->state) != static_cast<U32>(SlotState::empty)) write(i, SlotState::empty, nullptr, nullptr);
   }
   header_->entryCount.store(0, std::memory_order_relaxed);
   header_->tombstones.store(0, std::memory_order_relaxed);
+}
+
+long ShmTable::slotIs(const void* key, const void* value) {
+  if (!usable()) {
+    ++droppedWrites_;
+    return -1;
+  }
+  Probe p;
+  find(key, p);
+  if (p.at >= 0) return p.at;
+  if (!entryIs(key, value)) return -1;
+  find(key, p);
+  return p.at;
+}
+
+void ShmTable::slotValueAdd(long slot, U32 offset, U32 delta) {
+  LOOM_ASSERT(writer_ && slot >= 0 && static_cast<U32>(slot) < capacity_ && offset % 4 == 0 &&
+                  offset + 4 <= layout_.valueSize,
+              "a slot handle or value offset out of the table");
+  // The U32 lies inside one word (keys and values start on 4-byte bounds): the word is rewritten
+  // whole, as readers load it.
+  const U32 at = layout_.keySize + offset;
+  std::atomic_ref<U64> word(words(static_cast<U32>(slot))[at / 8]);
+  const U32 shift = (at % 8) * 8;  // the little-endian place of the U32 in its word
+  ShmSlotHead* h = head(static_cast<U32>(slot));
+  const U32 seq = h->seq.load(std::memory_order_relaxed);
+  h->seq.store(seq + 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  const U64 old = word.load(std::memory_order_relaxed);
+  const U32 count = static_cast<U32>(old >> shift) + delta;
+  word.store((old & ~(U64(0xffffffff) << shift)) | (U64(count) << shift), std::memory_order_relaxed);
+  h->seq.store(seq + 2, std::memory_order_release);
 }
 
 bool ShmTable::entry(const void* key, void* value) const {

@@ -125,12 +125,22 @@ class ShmTable {
   bool entryDel(const void* key);
   void entryDelAll();
 
+  // The writer's handle on a key: the slot that holds it, made with `value` when the key is absent;
+  // -1 when the table is unusable or full. A handle stays good while generation() is unchanged.
+  long slotIs(const void* key, const void* value);
+  // Adds `delta` (modulo 2^32) to the U32 that lies `offset` bytes into the value of the handle's
+  // slot (a multiple of 4), in one sequenced write as entryIs makes them.
+  void slotValueAdd(long slot, U32 offset, U32 delta);
+  // Changes whenever a key is deleted (which may free the slot of a handle).
+  U64 generation() const { return generation_; }
+
   // Either side. Copies the value of `key` into `value` and returns true when the key is there.
   bool entry(const void* key, void* value) const;
   // Calls fn(key, value) with a consistent copy of every used slot, in slot order.
   void forEach(const std::function<void(const U8* key, const U8* value)>& fn) const;
 
   U32 refused() const { return refused_; }
+
   U32 droppedWrites() const { return droppedWrites_; }
   U32 callErrors() const { return callErrors_; }
   int lastErrno() const { return lastErrno_; }
@@ -182,6 +192,7 @@ class ShmTable {
   bool writer_ = false;
   bool reattached_ = false;
   bool rebuilt_ = false;
+  U64 generation_ = 0;
   U32 refused_ = 0;
   U32 droppedWrites_ = 0;
   U32 callErrors_ = 0;

@@ -138,6 +138,10 @@ TEST(IOSm, UpdateCounterMovesTotalsInterfaceAndSubtype) {
     std::sort(expected.begin(), expected.end(), [](const auto& x, const auto& y) { return x.key < y.key; });
     EXPECT_EQ(a.counters->msgCounters(), expected);
     EXPECT_EQ(a.manager->rxPamCounter()->processed(), before + 1);
+    // Once the table is cleared, the next count makes its entries again.
+    clearMessageCounters(a.counters);
+    sm->updateCounter(rx, r.type, r.subtype, Knet::IntfId(r.intf), valid);
+    EXPECT_EQ(a.counters->msgCounters(), expected);
   }
 }
 
