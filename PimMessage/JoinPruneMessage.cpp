@@ -190,50 +190,53 @@ void traceResolution(const JoinPruneResolution& res, const Knet::IpGenAddr& s) {
   }
 }
 
-// Reads one encoded source of a list: the source, or nullopt with `failed` set when the list
-// cannot be read on, or nullopt alone for a source that is skipped with a warning.
-std::optional<SourceAddress> readSource(ReadState& st, bool join, bool& failed) {
-  SourceAddress source;
+// How reading one encoded source of a list ended: the source is there, is skipped with a warning,
+// or the list cannot be read on.
+enum class SourceRead : U8 { read, skipped, failed };
+
+// Reads one encoded source of a list into `source`. The source is filled in place (not returned
+// as a value): a small record written field by field and then copied whole stalls the store buffer
+// on every source.
+SourceRead readSource(ReadState& st, bool join, SourceAddress& source) {
   // A well-formed valid host source of the family takes the fast path; anything else the full
   // read with its checks and texts.
-  if (EncodedSourceAddress::readValidHostSource(st.r, st.family, source)) return source;
+  if (EncodedSourceAddress::readValidHostSource(st.r, st.family, source)) return SourceRead::read;
   const SideTexts& texts = join ? joinedTexts : prunedTexts;
   EncodedSourceAddress enc;
   if (enc.read(st.r) == 0) {
     st.record.failureIs(enc.failure());
     st.record.PIM_FAIL(texts.parse);
-    failed = true;
-    return std::nullopt;
+    return SourceRead::failed;
   }
   source = SourceAddress{enc.prefix().address(), enc.flags()};
   if (!enc.valid()) {
     PIM_TRACE(traceWarning, texts.invalid << source.address);
-    return std::nullopt;
+    return SourceRead::skipped;
   }
   if (source.address.af() != st.family) {
     PIM_TRACE(traceWarning, kSourceFamily << st.family << "Source Address: " << source.address);
-    return std::nullopt;
+    return SourceRead::skipped;
   }
-  return source;
+  return SourceRead::read;
 }
 
 // Reads the joined and pruned lists of a group record into `group`; false on a failure.
 bool readSources(ReadState& st, JoinPruneGroupData& group, U16 numJoined, U16 numPruned) {
   group.joinedSourceReserve(numJoined);
   group.prunedSourceReserve(numPruned);
+  SourceAddress source;
   for (U32 i = 0; i < U32(numJoined) + numPruned; ++i) {
     const bool join = i < numJoined;
-    bool failed = false;
-    const std::optional<SourceAddress> source = readSource(st, join, failed);
-    if (failed) return false;
-    if (!source) continue;
-    if (source->flags.wc() && !source->flags.rpt()) {
+    const SourceRead got = readSource(st, join, source);
+    if (got == SourceRead::failed) return false;
+    if (got == SourceRead::skipped) continue;
+    if (source.flags.wc() && !source.flags.rpt()) {
       PIM_TRACE(traceError, text(T::wcWithoutRpt));
       continue;
     }
-    const JoinPruneResolution res = join ? group.receivedJoinIs(source->address, source->flags)
-                                         : group.receivedPruneIs(source->address, source->flags);
-    traceResolution(res, source->address);
+    const JoinPruneResolution res = join ? group.receivedJoinIs(source.address, source.flags)
+                                         : group.receivedPruneIs(source.address, source.flags);
+    traceResolution(res, source.address);
     st.report.suppressed += res.suppressed;
   }
   return true;
