@@ -163,6 +163,14 @@ class JoinPruneGroupData : public Loom::Entity, public Loom::Pooled<JoinPruneGro
   // the joins of a group come before its prunes, so the checks of a join against the prunes only
   // bite when the group comes again in the same message.
   JoinPruneResolution receivedJoinIs(const Knet::IpGenAddr& s, SourceFlags flags);
+  // The common case of receivedJoinIs, inline for the decoder's loop: an (S,G) join while the
+  // group holds no prune of any kind (a record lists its joins before its prunes) meets no
+  // conflict and is added. False, with nothing done, for anything else.
+  bool receivedPlainJoinIs(const Knet::IpGenAddr& s, SourceFlags flags) {
+    if (!flags.isSg() || !prunedSource_.empty() || rptPrunedGroupData_) return false;
+    joinedSource_.insert(s);
+    return true;
+  }
   JoinPruneResolution receivedPruneIs(const Knet::IpGenAddr& s, SourceFlags flags);
 
  private:

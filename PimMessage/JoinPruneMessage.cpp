@@ -230,6 +230,7 @@ bool readSources(ReadState& st, JoinPruneGroupData& group, U16 numJoined, U16 nu
     const SourceRead got = readSource(st, join, source);
     if (got == SourceRead::failed) return false;
     if (got == SourceRead::skipped) continue;
+    if (join && group.receivedPlainJoinIs(source.address, source.flags)) continue;
     if (source.flags.wc() && !source.flags.rpt()) {
       PIM_TRACE(traceError, text(T::wcWithoutRpt));
       continue;
@@ -242,17 +243,17 @@ bool readSources(ReadState& st, JoinPruneGroupData& group, U16 numJoined, U16 nu
   return true;
 }
 
-// Reads a group's encoded address: the group, and whether the record is dropped for its
-// family, its prefix, the interface's boundary or its mode; nullopt on a parse failure.
-std::optional<GroupAddress> readGroup(ReadState& st, bool& filtered) {
-  GroupAddress group;
+// Reads a group's encoded address into `group` (in place, as sources are), and whether the record
+// is dropped for its family, its prefix, the interface's boundary or its mode; false on a parse
+// failure.
+bool readGroup(ReadState& st, GroupAddress& group, bool& filtered) {
   filtered = false;
   if (EncodedGroupAddress::readValidHostGroup(st.r, st.family, group) == 0) {
     EncodedGroupAddress enc;
     if (enc.read(st.r) == 0) {
       st.record.failureIs(enc.failure());
       st.record.PIM_FAIL(T::groupParse);
-      return std::nullopt;
+      return false;
     }
     group = GroupAddress{enc.prefix().address(), enc.flags()};
     if (group.address.af() != st.family) {
@@ -263,7 +264,7 @@ std::optional<GroupAddress> readGroup(ReadState& st, bool& filtered) {
       filtered = true;
     }
   }
-  if (filtered) return group;
+  if (filtered) return true;
   const bool groupBidir = group.flags.bidir();
   if (st.boundary && st.boundary->filtered(group.address)) {
     PIM_TRACE(traceFilter, kGroupBoundary << group.address);
@@ -274,15 +275,15 @@ std::optional<GroupAddress> readGroup(ReadState& st, bool& filtered) {
                                         << " Msg Bidirectional Support: " << st.bidir);
     filtered = true;
   }
-  return group;
+  return true;
 }
 
 // Reads one group record into the tree; false on a failure.
 bool readGroupRecord(ReadState& st) {
   bool filtered = false;
-  const std::optional<GroupAddress> groupRead = readGroup(st, filtered);
-  if (!groupRead) return false;
-  const Knet::IpGenAddr& groupAddr = groupRead->address;
+  GroupAddress groupRead;
+  if (!readGroup(st, groupRead, filtered)) return false;
+  const Knet::IpGenAddr& groupAddr = groupRead.address;
   // A group that comes again in the same message adds its entries to the group read before,
   // under the same conflict rules as if they had come in one record. A repeated record that is
   // filtered is read aside and dropped, leaving the earlier record's entries as they are.
@@ -290,7 +291,7 @@ bool readGroupRecord(ReadState& st) {
   Loom::Ptr<JoinPruneGroupData> aside;
   if (earlier && filtered) aside = new JoinPruneGroupData(groupAddr);
   JoinPruneGroupData& group = aside ? *aside : earlier ? *earlier : st.data.joinPruneGroupDataIs(groupAddr);
-  if (!earlier) group.groupFlagsIs(groupRead->flags.value());
+  if (!earlier) group.groupFlagsIs(groupRead.flags.value());
   // What the group held before this record: a repeat counts only what it changed.
   const U32 routesBefore = earlier && !aside ? earlier->routes() : 0;
 
