@@ -29,14 +29,14 @@ class MessageInfo : public Loom::Entity {
   };
 
   const Loom::Ptr<Message>& message() const { return message_; }
-  void messageIs(const Loom::Ptr<Message>& m) { set(message_, m, &Notifiee::onMessage); }
+  void messageIs(const Loom::Ptr<Message>& m) { notifiees_.change(message_, m, &Notifiee::onMessage); }
   const Knet::IntfId& intfId() const { return intfId_; }
-  void intfIdIs(const Knet::IntfId& id) { set(intfId_, id, &Notifiee::onIntfId); }
+  void intfIdIs(const Knet::IntfId& id) { notifiees_.change(intfId_, id, &Notifiee::onIntfId); }
   // Written by the agent only; the receive path never touches it.
   const Knet::IpGenAddr& neighborAddr() const { return neighborAddr_; }
-  void neighborAddrIs(const Knet::IpGenAddr& a) { set(neighborAddr_, a, &Notifiee::onNeighborAddr); }
+  void neighborAddrIs(const Knet::IpGenAddr& a) { notifiees_.change(neighborAddr_, a, &Notifiee::onNeighborAddr); }
   U32 count() const { return count_; }
-  void countIs(U32 n) { set(count_, n, &Notifiee::onCount); }
+  void countIs(U32 n) { notifiees_.change(count_, n, &Notifiee::onCount); }
   // Adds n (modulo 2^32) and returns the new count; countInc(0) notifies nobody.
   U32 countInc(U32 n = 1) {
     countIs(count_ + n);
@@ -94,12 +94,6 @@ class MessageInfo : public Loom::Entity {
   void notifieeDel(Notifiee* n) { notifiees_.del(n); }
 
  private:
-  template <class T>
-  void set(T& field, const T& v, void (Notifiee::*hook)()) {
-    if (field == v) return;
-    field = v;
-    notifiees_.notify(hook);
-  }
   template <class M>
   Loom::Ptr<M> view(Knet::PimMessageType t) const {
     return message_ && message_->pimMessageType() == t ? Loom::ptr_cast<M>(message_) : nullptr;

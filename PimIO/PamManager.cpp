@@ -83,11 +83,7 @@ void PamManager::handleTransparentIp() {
   pam_->flagsIs(transparentIp_ ? f | Knet::IpPam::flagTransparent : f & ~Knet::IpPam::flagTransparent);
 }
 
-void PamManager::pamIs(Knet::IpPam* p) {
-  if (pam_.ptr() == p) return;
-  pam_ = p;
-  notifiees_.notify(&Notifiee::onPam);
-}
+void PamManager::pamIs(Knet::IpPam* p) { notifiees_.change(pam_, Loom::Ptr<Knet::IpPam>(p), &Notifiee::onPam); }
 
 template <class Pam>
 Loom::Ptr<Pam> PamManager::pamOfKind(Loom::Ptr<Pam>& slot, void (Notifiee::*hook)(), const std::string& name,
@@ -112,35 +108,16 @@ Loom::Ptr<Knet::Ip6HdrInclSocketPam> PamManager::pam6HeaderIncludeIs(const std::
   return pamOfKind(pam6HeaderInclude_, &Notifiee::onPam6HeaderInclude, name, protocol, netNs);
 }
 
-void PamManager::pam4Del() {
-  if (!pam4_) return;
-  pam4_ = nullptr;
-  notifiees_.notify(&Notifiee::onPam4);
-}
-void PamManager::pam6Del() {
-  if (!pam6_) return;
-  pam6_ = nullptr;
-  notifiees_.notify(&Notifiee::onPam6);
-}
-void PamManager::pam6HeaderIncludeDel() {
-  if (!pam6HeaderInclude_) return;
-  pam6HeaderInclude_ = nullptr;
-  notifiees_.notify(&Notifiee::onPam6HeaderInclude);
-}
+void PamManager::pam4Del() { notifiees_.change(pam4_, {}, &Notifiee::onPam4); }
+void PamManager::pam6Del() { notifiees_.change(pam6_, {}, &Notifiee::onPam6); }
+void PamManager::pam6HeaderIncludeDel() { notifiees_.change(pam6HeaderInclude_, {}, &Notifiee::onPam6HeaderInclude); }
 
 void PamManager::transparentIpIs(bool v) {
-  if (v != transparentIp_) {
-    transparentIp_ = v;
-    notifiees_.notify(&Notifiee::onTransparentIp);
-  }
+  notifiees_.change(transparentIp_, v, &Notifiee::onTransparentIp);
   handleTransparentIp();
 }
 
-void PamManager::bpfLenIs(U32 v) {
-  if (v == bpfLen_) return;
-  bpfLen_ = v;
-  notifiees_.notify(&Notifiee::onBpfLen);
-}
+void PamManager::bpfLenIs(U32 v) { notifiees_.change(bpfLen_, v, &Notifiee::onBpfLen); }
 
 Loom::Ptr<Intf> PamManager::intf(const Knet::IntfId& id) const {
   const auto it = intf_.find(id);
@@ -185,7 +162,7 @@ const Loom::Ptr<MessageInfo>& PamManager::rxMessageInfo(Packet::MessageType type
 }
 void PamManager::rxMessageInfoIs(Packet::MessageType type, const Loom::Ptr<MessageInfo>& info) {
   LOOM_ASSERT(type < rxSlots, "offsetIsValid( off )");
-  if (rxMessageInfo_[type] == info) return;
+  if (rxMessageInfo_[type] == info) return;  // the notification names the slot
   rxMessageInfo_[type] = info;
   notifiees_.notify(&Notifiee::onRxMessageInfo, type);
 }
@@ -194,41 +171,20 @@ void PamManager::rxMessageInfoDelAll() {
 }
 
 Loom::Ptr<MessageInfo> PamManager::txMessageInfoIs() {
-  if (!txMessageInfo_) {
-    txMessageInfo_ = messageInfoFactory();
-    notifiees_.notify(&Notifiee::onTxMessageInfo);
-  }
+  if (!txMessageInfo_) notifiees_.change(txMessageInfo_, Loom::Ptr<MessageInfo>(messageInfoFactory()), &Notifiee::onTxMessageInfo);
   return txMessageInfo_;
 }
-void PamManager::txMessageInfoDel() {
-  if (!txMessageInfo_) return;
-  txMessageInfo_ = nullptr;
-  notifiees_.notify(&Notifiee::onTxMessageInfo);
-}
+void PamManager::txMessageInfoDel() { notifiees_.change(txMessageInfo_, {}, &Notifiee::onTxMessageInfo); }
 
 Loom::Ptr<PamCounter> PamManager::txPamCounterIs() {
-  if (!txPamCounter_) {
-    txPamCounter_ = new PamCounter;
-    notifiees_.notify(&Notifiee::onTxPamCounter);
-  }
+  if (!txPamCounter_) notifiees_.change(txPamCounter_, Loom::Ptr<PamCounter>(new PamCounter), &Notifiee::onTxPamCounter);
   return txPamCounter_;
 }
-void PamManager::txPamCounterDel() {
-  if (!txPamCounter_) return;
-  txPamCounter_ = nullptr;
-  notifiees_.notify(&Notifiee::onTxPamCounter);
-}
+void PamManager::txPamCounterDel() { notifiees_.change(txPamCounter_, {}, &Notifiee::onTxPamCounter); }
 Loom::Ptr<PamCounter> PamManager::rxPamCounterIs() {
-  if (!rxPamCounter_) {
-    rxPamCounter_ = new PamCounter;
-    notifiees_.notify(&Notifiee::onRxPamCounter);
-  }
+  if (!rxPamCounter_) notifiees_.change(rxPamCounter_, Loom::Ptr<PamCounter>(new PamCounter), &Notifiee::onRxPamCounter);
   return rxPamCounter_;
 }
-void PamManager::rxPamCounterDel() {
-  if (!rxPamCounter_) return;
-  rxPamCounter_ = nullptr;
-  notifiees_.notify(&Notifiee::onRxPamCounter);
-}
+void PamManager::rxPamCounterDel() { notifiees_.change(rxPamCounter_, {}, &Notifiee::onRxPamCounter); }
 
 }  // namespace Routing::Pim::IO

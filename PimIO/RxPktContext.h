@@ -34,20 +34,20 @@ class RxPktContext : public Loom::Entity {
 
   const Loom::Ptr<Knet::Pkt>& pkt() const { return pkt_; }
   U32 offset() const { return offset_; }
-  void offsetIs(U32 v) { set(offset_, v, &Notifiee::onOffset); }
+  void offsetIs(U32 v) { notifiees_.change(offset_, v, &Notifiee::onOffset); }
   void offsetInc(U32 n) { offsetIs(offset_ + n); }
   // Bytes still unread, 16 bits: remainingDec wraps, so callers check before they consume.
   U16 remaining() const { return remaining_; }
-  void remainingIs(U16 v) { set(remaining_, v, &Notifiee::onRemaining); }
+  void remainingIs(U16 v) { notifiees_.change(remaining_, v, &Notifiee::onRemaining); }
   void remainingDec(U16 n) { remainingIs(static_cast<U16>(remaining_ - n)); }
   const Loom::Ptr<const Intf>& pIntf() const { return pIntf_; }
-  void pIntfIs(const Loom::Ptr<const Intf>& v) { set(pIntf_, v, &Notifiee::onPIntf); }
+  void pIntfIs(const Loom::Ptr<const Intf>& v) { notifiees_.change(pIntf_, v, &Notifiee::onPIntf); }
   const Loom::Ptr<const KernelIntf>& kIntf() const { return kIntf_; }
-  void kIntfIs(const Loom::Ptr<const KernelIntf>& v) { set(kIntf_, v, &Notifiee::onKIntf); }
+  void kIntfIs(const Loom::Ptr<const KernelIntf>& v) { notifiees_.change(kIntf_, v, &Notifiee::onKIntf); }
   const Loom::Ptr<const Pim::Intf>& pimIntf() const { return pimIntf_; }
-  void pimIntfIs(const Loom::Ptr<const Pim::Intf>& v) { set(pimIntf_, v, &Notifiee::onPimIntf); }
+  void pimIntfIs(const Loom::Ptr<const Pim::Intf>& v) { notifiees_.change(pimIntf_, v, &Notifiee::onPimIntf); }
   const Loom::Ptr<Packet::Message>& msg() const { return msg_; }
-  void msgIs(const Loom::Ptr<Packet::Message>& v) { set(msg_, v, &Notifiee::onMsg); }
+  void msgIs(const Loom::Ptr<Packet::Message>& v) { notifiees_.change(msg_, v, &Notifiee::onMsg); }
   // Views of the headers inside pkt(); null until set.
   const Knet::IpHdr* ipHdr() const { return ipHdr_ ? &*ipHdr_ : nullptr; }
   void ipHdrIs(const Knet::IpHdr& h) {
@@ -61,9 +61,9 @@ class RxPktContext : public Loom::Entity {
   }
   // Set when the message must wait in its neighbor's unresolved-packet queue.
   bool enqueueMessage() const { return enqueueMessage_; }
-  void enqueueMessageIs(bool v) { set(enqueueMessage_, v, &Notifiee::onEnqueueMessage); }
+  void enqueueMessageIs(bool v) { notifiees_.change(enqueueMessage_, v, &Notifiee::onEnqueueMessage); }
   bool initialized() const { return initialized_; }
-  void initializedIs(bool v) { set(initialized_, v, &Notifiee::onInitialized); }
+  void initializedIs(bool v) { notifiees_.change(initialized_, v, &Notifiee::onInitialized); }
 
   // The interface of the kernel index the packet came in on; the empty id before that is known.
   const Knet::IntfId& intfId() const { return kIntf_ ? kIntf_->intfId() : Knet::IntfId::empty(); }
@@ -75,12 +75,6 @@ class RxPktContext : public Loom::Entity {
   void handleInitialized() {
     remainingIs(static_cast<U16>(pkt_->size()));
     initializedIs(true);
-  }
-  template <class T>
-  void set(T& field, const T& v, void (Notifiee::*hook)()) {
-    if (field == v) return;
-    field = v;
-    notifiees_.notify(hook);
   }
 
   const Loom::Ptr<Knet::Pkt> pkt_;

@@ -62,15 +62,20 @@ const char* ShmTable::headerProblem(const ShmHeader& h, size_t size, const ShmLa
   return nullptr;
 }
 
-bool ShmTable::open(const std::string& name, const ShmLayout& layout, U32 capacity) {
+// What opening for either side starts with: the previous object closed, the new name and layout.
+void ShmTable::begin(const std::string& name, const ShmLayout& layout, bool writer) {
   layoutCheck(layout);
-  LOOM_ASSERT(capacity > 0 && capacity <= maxCapacity, "shared-memory table capacity out of range");
   close();
   name_ = name;
   layout_ = layout;
-  writer_ = true;
+  writer_ = writer;
   reattached_ = rebuilt_ = false;
   corruptionDetected_ = false;
+}
+
+bool ShmTable::open(const std::string& name, const ShmLayout& layout, U32 capacity) {
+  LOOM_ASSERT(capacity > 0 && capacity <= maxCapacity, "shared-memory table capacity out of range");
+  begin(name, layout, true);
   const int fd = ::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
   if (fd >= 0) {
     switch (mapExisting(fd, capacity)) {
@@ -193,13 +198,7 @@ bool ShmTable::create(U32 capacity) {
 }
 
 bool ShmTable::openReader(const std::string& name, const ShmLayout& layout) {
-  layoutCheck(layout);
-  close();
-  name_ = name;
-  layout_ = layout;
-  writer_ = false;
-  reattached_ = rebuilt_ = false;
-  corruptionDetected_ = false;
+  begin(name, layout, false);
   const int fd = ::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (fd < 0) {
     failed("shm_open");
@@ -293,16 +292,11 @@ void ShmTable::write(U32 index, SlotState state, const void* key, const void* va
   U64 buf[maxEntryWords] = {};
   if (key) std::memcpy(buf, key, layout_.keySize);
   if (value) std::memcpy(reinterpret_cast<U8*>(buf) + layout_.keySize, value, layout_.valueSize);
-  ShmSlotHead* h = head(index);
   U64* w = words(index);
-  const U32 seq = h->seq.load(std::memory_order_relaxed);  // only this thread writes it
-  h->seq.store(seq + 1, std::memory_order_relaxed);
-  // The odd sequence is ordered before every word below: a reader whose copy holds one of them
-  // finds the sequence changed.
-  std::atomic_thread_fence(std::memory_order_release);
-  std::atomic_ref<U32>(h->state).store(static_cast<U32>(state), std::memory_order_relaxed);
-  for (U32 i = 0, n = dataWords(); i < n; ++i) std::atomic_ref<U64>(w[i]).store(buf[i], std::memory_order_relaxed);
-  h->seq.store(seq + 2, std::memory_order_release);
+  sequenced(index, [&] {
+    std::atomic_ref<U32>(head(index)->state).store(static_cast<U32>(state), std::memory_order_relaxed);
+    for (U32 i = 0, n = dataWords(); i < n; ++i) std::atomic_ref<U64>(w[i]).store(buf[i], std::memory_order_relaxed);
+  });
 }
 
 bool ShmTable::keyEquals(const SlotCopy& c, const void* key) const {
@@ -415,14 +409,11 @@ void ShmTable::slotValueAdd(long slot, U32 offset, U32 delta) {
   const U32 at = layout_.keySize + offset;
   std::atomic_ref<U64> word(words(static_cast<U32>(slot))[at / 8]);
   const U32 shift = (at % 8) * 8;  // the little-endian place of the U32 in its word
-  ShmSlotHead* h = head(static_cast<U32>(slot));
-  const U32 seq = h->seq.load(std::memory_order_relaxed);
-  h->seq.store(seq + 1, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_release);
-  const U64 old = word.load(std::memory_order_relaxed);
-  const U32 count = static_cast<U32>(old >> shift) + delta;
-  word.store((old & ~(U64(0xffffffff) << shift)) | (U64(count) << shift), std::memory_order_relaxed);
-  h->seq.store(seq + 2, std::memory_order_release);
+  sequenced(static_cast<U32>(slot), [&] {
+    const U64 old = word.load(std::memory_order_relaxed);
+    const U32 count = static_cast<U32>(old >> shift) + delta;
+    word.store((old & ~(U64(0xffffffff) << shift)) | (U64(count) << shift), std::memory_order_relaxed);
+  });
 }
 
 bool ShmTable::entry(const void* key, void* value) const {

@@ -178,6 +178,19 @@ class ShmTable {
   // Copies slot `index` consistently; false when the reader gave up.
   bool read(U32 index, SlotCopy& out) const;
   void write(U32 index, SlotState state, const void* key, const void* value);
+  // The writer's side of the sequence: `stores` (relaxed stores into slot `index`) run between the
+  // odd sequence and the even one. The odd one is ordered before every store by the release fence,
+  // so a reader whose copy holds one of them finds the sequence changed.
+  template <class Stores>
+  void sequenced(U32 index, const Stores& stores) {
+    ShmSlotHead* h = head(index);
+    const U32 seq = h->seq.load(std::memory_order_relaxed);  // only this thread writes it
+    h->seq.store(seq + 1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    stores();
+    h->seq.store(seq + 2, std::memory_order_release);
+  }
+  void begin(const std::string& name, const ShmLayout& layout, bool writer);
   bool keyEquals(const SlotCopy& c, const void* key) const;
   // Probes for `key` from its home slot until an empty slot or a whole round.
   void find(const void* key, Probe& p) const;

@@ -35,6 +35,15 @@ class NotifieeList {
   }
   bool empty() const { return size() == 0; }
 
+  // An attribute writer: stores v in `field` and, when that changed it, calls `hook` on every
+  // notifiee.
+  template <class T, class Fn>
+  void change(T& field, const T& v, Fn hook) {
+    if (field == v) return;
+    field = v;
+    notify(hook);
+  }
+
   // Calls fn(args...) on every active notifiee registered when the call began.
   template <class Fn, class... Args>
   void notify(Fn fn, Args&&... args) {
