@@ -293,42 +293,44 @@ Cask::MessageCounters::Count countOf(MessageCounterDirection dir, MessageCounter
 
 }  // namespace
 
-// Totals, the interface, and each with the subtype. The entries' handles are kept per interface
-// (and dropped when the table deletes a key), so a count costs one lookup of the interface.
+IOSm::IntfCounters& IOSm::intfCounters(const Knet::IntfId& intfId) {
+  return intfCounters_.try_emplace(intfId, intfId).first->second;
+}
+
+// One entry: its handle when cached, else found (or made) once and kept; subtypes beyond the
+// cache's reach take the table's lookup every time.
+[[gnu::always_inline]] inline void IOSm::countIn(IntfCounters& c, U8 type, Packet::MessageSubtype subtype,
+                          Cask::MessageCounters::Count count) {
+  if (subtype != Cask::CounterKey::anySubtype && subtype >= 16) [[unlikely]] {
+    const long s = pimCounters_->counterSlotIs({c.intfId_, type, subtype});
+    if (s >= 0) pimCounters_->counterInc(s, count);
+    return;
+  }
+  long& s = c.slot_[type * 17u + (subtype == Cask::CounterKey::anySubtype ? 0u : subtype + 1u)];
+  if (s == IntfCounters::unknownSlot) [[unlikely]] s = pimCounters_->counterSlotIs({c.intfId_, type, subtype});
+  if (s >= 0) pimCounters_->counterInc(s, count);
+}
+
+// Totals, the interface, and each with the subtype.
 void IOSm::updateCounter(MessageCounterDirection dir, Knet::PimMessageType type, Packet::MessageSubtype subtype,
-                         const Knet::IntfId& intfId, MessageCounterType ct) {
+                         IntfCounters* intf, MessageCounterType ct) {
   if (pimCounters_) {
-    if (pimCounters_->slotGeneration() != slotGeneration_) {
-      totalSlots_ = CounterSlots();
-      intfSlots_.clear();
-      slotGeneration_ = pimCounters_->slotGeneration();
-    }
+    const U64 generation = pimCounters_->slotGeneration();
+    if (totalCounters_.generation_ != generation) [[unlikely]] totalCounters_.forget(generation);
+    if (intf && intf->generation_ != generation) [[unlikely]] intf->forget(generation);
     const U8 t = type.type();
     const auto count = countOf(dir, ct);
-    CounterSlots* intf = intfId.isEmpty() ? nullptr : &intfSlots_[intfId];
-    countIn(totalSlots_, Knet::IntfId(), t, Cask::CounterKey::anySubtype, count);
-    if (intf) countIn(*intf, intfId, t, Cask::CounterKey::anySubtype, count);
+    countIn(totalCounters_, t, Cask::CounterKey::anySubtype, count);
+    if (intf) countIn(*intf, t, Cask::CounterKey::anySubtype, count);
     if (subtype < Cask::CounterKey::anySubtype) {
-      countIn(totalSlots_, Knet::IntfId(), t, subtype, count);
-      if (intf) countIn(*intf, intfId, t, subtype, count);
+      countIn(totalCounters_, t, subtype, count);
+      if (intf) countIn(*intf, t, subtype, count);
     }
   }
   if (!pimPamManager_) return;
   const auto& counter =
       dir == MessageCounterDirection::directionTx ? pimPamManager_->txPamCounter() : pimPamManager_->rxPamCounter();
   if (counter) counter->processedInc(1);
-}
-
-void IOSm::countIn(CounterSlots& slots, const Knet::IntfId& intfId, U8 type, Packet::MessageSubtype subtype,
-                   Cask::MessageCounters::Count count) {
-  if (subtype != Cask::CounterKey::anySubtype && subtype >= 16) {
-    const long s = pimCounters_->counterSlotIs({intfId, type, subtype});
-    if (s >= 0) pimCounters_->counterInc(s, count);
-    return;
-  }
-  long& s = slots.slot[type * 17u + (subtype == Cask::CounterKey::anySubtype ? 0u : subtype + 1u)];
-  if (s == unknownSlot) s = pimCounters_->counterSlotIs({intfId, type, subtype});
-  if (s >= 0) pimCounters_->counterInc(s, count);
 }
 
 // Finds (or makes, with every count 0) the key's entry and raises the count of the direction and

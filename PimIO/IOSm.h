@@ -101,9 +101,39 @@ class IOSm : public Loom::Entity {
   // The framework tears the machine down while it is still referenced: no reactor forwards more.
   void loomDoZombieReactors(bool zombie);
 
+  // The counter table's handles of one interface's entries (or of the totals'), by type and
+  // subtype, so that a count finds its entry without hashing its key. Whoever counts often for one
+  // interface holds one (each PIM interface's reactor does); handles of a table that has since
+  // deleted keys are dropped and found again on first use.
+  class IntfCounters {
+   public:
+    explicit IntfCounters(Knet::IntfId intfId = Knet::IntfId()) : intfId_(std::move(intfId)) { slot_.fill(unknownSlot); }
+    const Knet::IntfId& intfId() const { return intfId_; }
+
+   private:
+    friend class IOSm;
+    // Index type * 17 + (subtype + 1), 0 for all subtypes; DF election subtypes fit, larger ones
+    // take the slow way. unknownSlot until first used, -1 when the table refused the key.
+    static constexpr long unknownSlot = -2;
+    void forget(U64 generation) {
+      slot_.fill(unknownSlot);
+      generation_ = generation;
+    }
+    Knet::IntfId intfId_;
+    U64 generation_ = 0;
+    std::array<long, 16 * 17> slot_;
+  };
+  // The machine's own handles of the interface (kept until the interface's reactor goes).
+  IntfCounters& intfCounters(const Knet::IntfId& intfId);
+
   // Counts one message in the table (totals, interface, subtype) and in the manager's counter.
   void updateCounter(MessageCounterDirection dir, Knet::PimMessageType type, Packet::MessageSubtype subtype,
-                     const Knet::IntfId& intfId, MessageCounterType ct);
+                     const Knet::IntfId& intfId, MessageCounterType ct) {
+    updateCounter(dir, type, subtype, intfId.isEmpty() ? nullptr : &intfCounters(intfId), ct);
+  }
+  // The same with the interface's handles at hand (null for no interface).
+  void updateCounter(MessageCounterDirection dir, Knet::PimMessageType type, Packet::MessageSubtype subtype,
+                     IntfCounters* intf, MessageCounterType ct);
   static void incCounter(MessageCounterDirection dir, MessageCounterType ct,
                          const Loom::Ptr<Cask::MessageCounters>& counters, const Cask::CounterKey& key);
 
@@ -137,16 +167,7 @@ class IOSm : public Loom::Entity {
   void loom_PamInIs(Knet::IpPam* pam);
   void loom_TxMessageInfoInIs(const Loom::Ptr<MessageInfo>& info);
   void trace(int level, const std::string& text) const;
-  // The counter table's handles by type and subtype of one interface (or of the totals), so that a
-  // count finds its entry without hashing its key: index type * 17 + (subtype + 1), 0 for all
-  // subtypes; unknownSlot until first used. DF election subtypes fit; larger ones take the slow way.
-  static constexpr long unknownSlot = -2;
-  struct CounterSlots {
-    std::array<long, 16 * 17> slot;
-    CounterSlots() { slot.fill(unknownSlot); }
-  };
-  void countIn(CounterSlots& slots, const Knet::IntfId& intfId, U8 type, Packet::MessageSubtype subtype,
-               Cask::MessageCounters::Count count);
+  void countIn(IntfCounters& slots, U8 type, Packet::MessageSubtype subtype, Cask::MessageCounters::Count count);
 
   Loom::Ptr<PamManager> pimPamManager_;
   Loom::Ptr<Cask::MessageCounters> pimCounters_;
@@ -168,9 +189,8 @@ class IOSm : public Loom::Entity {
   std::set<Knet::IntfId> allPimRoutersMember_;
   bool initialized_ = false;
   bool active_ = false;
-  CounterSlots totalSlots_;
-  std::unordered_map<Knet::IntfId, CounterSlots> intfSlots_;
-  U64 slotGeneration_ = 0;
+  IntfCounters totalCounters_;
+  std::unordered_map<Knet::IntfId, IntfCounters> intfCounters_;
   std::unique_ptr<LoomPimPamManager> loomPimPamManager_;
   std::unique_ptr<LoomPimStatus> loomPimStatus_;
   std::unique_ptr<LoomKernelIntfStatusDir> loomKernelIntfStatusDir_;

@@ -18,14 +18,30 @@ void BM_UpdateCounterFourEntries(benchmark::State& state) {
   auto sm = IO::iOSmFactory(nullptr, counters, statusFactory("bench"), nullptr, nullptr, nullptr, nullptr, nullptr,
                             nullptr, nullptr, nullptr);
   const Knet::IntfId intf("Ethernet1");
+  // The receive path holds the handles of the interface it counts for.
+  IO::IOSm::IntfCounters handles(intf);
   for (auto _ : state) {
-    sm->updateCounter(IO::MessageCounterDirection::directionRx, Knet::pimDfElection(), 2, intf,
+    sm->updateCounter(IO::MessageCounterDirection::directionRx, Knet::pimDfElection(), 2, &handles,
                       IO::MessageCounterType::counterValid);
   }
   benchmark::DoNotOptimize(counters->msgCounter({intf, 10, 2}));
   counters->unlink();
 }
 BENCHMARK(BM_UpdateCounterFourEntries);
+
+// The same by interface id: the machine finds its handles of the interface by hashing the id.
+void BM_UpdateCounterByInterfaceId(benchmark::State& state) {
+  auto counters = Routing::Pim::Cask::messageCountersFactory(vrf("byid"), Knet::AddressFamily::ipv4, 1024);
+  auto sm = IO::iOSmFactory(nullptr, counters, statusFactory("bench"), nullptr, nullptr, nullptr, nullptr, nullptr,
+                            nullptr, nullptr, nullptr);
+  const Knet::IntfId intf("Ethernet1");
+  for (auto _ : state) {
+    sm->updateCounter(IO::MessageCounterDirection::directionRx, Knet::pimDfElection(), 2, intf,
+                      IO::MessageCounterType::counterValid);
+  }
+  counters->unlink();
+}
+BENCHMARK(BM_UpdateCounterByInterfaceId);
 
 // The baseline: the same four counts in plain records the compiler cannot drop.
 void BM_BareIncrementFourRecords(benchmark::State& state) {

@@ -400,22 +400,6 @@ long ShmTable::slotIs(const void* key, const void* value) {
   return p.at;
 }
 
-void ShmTable::slotValueAdd(long slot, U32 offset, U32 delta) {
-  LOOM_ASSERT(writer_ && slot >= 0 && static_cast<U32>(slot) < capacity_ && offset % 4 == 0 &&
-                  offset + 4 <= layout_.valueSize,
-              "a slot handle or value offset out of the table");
-  // The U32 lies inside one word (keys and values start on 4-byte bounds): the word is rewritten
-  // whole, as readers load it.
-  const U32 at = layout_.keySize + offset;
-  std::atomic_ref<U64> word(words(static_cast<U32>(slot))[at / 8]);
-  const U32 shift = (at % 8) * 8;  // the little-endian place of the U32 in its word
-  sequenced(static_cast<U32>(slot), [&] {
-    const U64 old = word.load(std::memory_order_relaxed);
-    const U32 count = static_cast<U32>(old >> shift) + delta;
-    word.store((old & ~(U64(0xffffffff) << shift)) | (U64(count) << shift), std::memory_order_relaxed);
-  });
-}
-
 bool ShmTable::entry(const void* key, void* value) const {
   if (!usable()) return false;
   Probe p;

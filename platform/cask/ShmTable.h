@@ -29,6 +29,7 @@
 #include <functional>
 #include <string>
 
+#include "loom/Assert.h"
 #include "loom/Trace.h"
 #include "loom/Types.h"
 
@@ -130,7 +131,17 @@ class ShmTable {
   long slotIs(const void* key, const void* value);
   // Adds `delta` (modulo 2^32) to the U32 that lies `offset` bytes into the value of the handle's
   // slot (a multiple of 4), in one sequenced write as entryIs makes them.
-  void slotValueAdd(long slot, U32 offset, U32 delta);
+  [[gnu::always_inline]] void slotValueAdd(long slot, U32 offset, U32 delta) {
+    LOOM_ASSERT(writer_ && static_cast<unsigned long>(slot) < capacity_ && offset % 4 == 0 &&
+                    offset + 4 <= layout_.valueSize,
+                "a slot handle or value offset out of the table");
+    // The U32 is stored alone: a reader that copies its word while it changes finds the sequence
+    // changed and copies again, as for any store of the writer.
+    std::atomic_ref<U32> count(
+        *reinterpret_cast<U32*>(slotAt(static_cast<U32>(slot)) + sizeof(ShmSlotHead) + layout_.keySize + offset));
+    sequenced(static_cast<U32>(slot), [&] { count.store(count.load(std::memory_order_relaxed) + delta,
+                                                        std::memory_order_relaxed); });
+  }
   // Changes whenever a key is deleted (which may free the slot of a handle).
   U64 generation() const { return generation_; }
 
