@@ -6,11 +6,7 @@
 
 namespace Routing::Pim::IO {
 
-namespace {
-
 Loom::TraceUnit pimIoTrace("PimIO");
-
-}  // namespace
 
 std::string stringValue(MessageCounterDirection d) {
   return d == MessageCounterDirection::directionTx ? "directionTx" : "directionRx";
@@ -112,22 +108,6 @@ class IOSm::Loom_TxMessageInfoIn : public MessageInfo::Notifiee {
   explicit Loom_TxMessageInfoIn(IOSm* sm) : sm_(sm) {}
   void onCount() override { sm_->txPkt(); }
   void catchUp() { onCount(); }
-
- private:
-  IOSm* sm_;
-};
-
-// One PIM interface of the status: a neighbor that becomes active releases its parked packets.
-class IOSm::PimIntfSm : public Pim::Intf::Notifiee {
- public:
-  PimIntfSm(IOSm* sm, const Loom::Ptr<const Pim::Intf>& intf) : sm_(sm) { notifierIs(intf); }
-  void onActiveNeighbor(const Knet::IpGenAddr& addr) override { handleNewNeighbor(addr); }
-  // Hands the neighbor's parked packets over in arrival order (with the unresolved-packet queues).
-  void handleNewNeighbor(const Knet::IpGenAddr& addr) {
-    std::ostringstream os;
-    os << "handleNewNeighbor " << notifier()->intfId() << " " << addr;
-    sm_->trace(8, os.str());
-  }
 
  private:
   IOSm* sm_;
@@ -382,7 +362,5 @@ void IOSm::handleInterface(const Knet::IntfId& id) {
   os << "handleInterface " << id;
   trace(8, os.str());
 }
-// Reviews the unresolved-packet queues: purges what waited through two reviews.
-void IOSm::handleUnresolvedPackets() { trace(8, "handleUnresolvedPackets"); }
 
 }  // namespace Routing::Pim::IO

@@ -21,9 +21,16 @@
 #include "Agent/PimStatus.h"
 #include "PimIO/MessageCounters.h"
 #include "PimIO/PamManager.h"
+#include "PimIO/RxPktContext.h"
+#include "PimIO/UnresolvedPackets.h"
 #include "keel/TimerWheel.h"
+#include "loom/Trace.h"
 
 namespace Routing::Pim::IO {
+
+// The state machine's trace unit; every line starts "<Vrf:" the VRF's name ">".
+extern Loom::TraceUnit pimIoTrace;
+#define PIMIO_TRACE(level, expr) LOOM_TRACE(::Routing::Pim::IO::pimIoTrace, level, "<Vrf:" << vrfName() << "> " << expr)
 
 enum class MessageCounterDirection : U8 { directionTx = 0, directionRx = 1 };
 enum class MessageCounterType : U8 { counterInvalid = 0, counterFiltered = 1, counterValid = 2 };
@@ -87,6 +94,34 @@ class IOSm : public Loom::Entity {
   Knet::IpPam* pimPam() const { return pimPamManager_ ? pimPamManager_->pam().ptr() : nullptr; }
   // The VRF of the PIM status ("" without one); every trace line starts "<Vrf:" it ">".
   std::string vrfName() const { return pimStatus_ ? pimStatus_->vrfName() : std::string(); }
+
+  // The unresolved-packet queues, one per neighbor that sent before it was known.
+  using UnresPktColl = std::map<Cask::NeighborKey, Loom::Ptr<PimUnresolvedPackets>>;
+  const UnresPktColl& pimUnresPkt() const { return pimUnresPkt_; }
+  Loom::Ptr<PimUnresolvedPackets> pimUnresPkt(const Cask::NeighborKey& key) const;
+  // The queue of `key`, made empty if there is none.
+  Loom::Ptr<PimUnresolvedPackets> pimUnresPktIs(const Cask::NeighborKey& key);
+  void pimUnresPktDel(const Cask::NeighborKey& key) { pimUnresPkt_.erase(key); }
+  void pimUnresPktDelAll() { pimUnresPkt_.clear(); }
+  // Parks a decoded message in its neighbor's queue (arming the review when it is the first
+  // queue); the receive path does this for a neighbor that is not known yet. Counts nothing.
+  void pimUnresPktEnq(const Cask::NeighborKey& key, const Loom::Ptr<Packet::Message>& msg);
+
+  // The per-type processing of a received message that passed the header checks: decodes the body
+  // at the context's offset, applies the boundary rules of reception and leaves the message in the
+  // context (true); false when the packet ends here, traced and counted.
+  bool processHelloMessage(const Loom::Ptr<RxPktContext>& ctx);
+  bool processRegisterMessage(const Loom::Ptr<RxPktContext>& ctx);
+  bool processRegisterStopMessage(const Loom::Ptr<RxPktContext>& ctx);
+  bool processJoinPruneMessage(const Loom::Ptr<RxPktContext>& ctx);
+  bool processAssertMessage(const Loom::Ptr<RxPktContext>& ctx);
+  bool processBootstrapMessage(const Loom::Ptr<RxPktContext>& ctx);
+  bool processCrpAdvMessage(const Loom::Ptr<RxPktContext>& ctx);
+  bool processDfElectionMessage(const Loom::Ptr<RxPktContext>& ctx);
+  // Whether the interface's neighbor filter drops messages of `type` from `srcIp` (true = drop).
+  // A missing list, or one of the other family, lets everything through; an existing list without
+  // a rule for the address drops it.
+  bool neighborFiltered(Knet::PimMessageType type, const Knet::IpGenAddr& srcIp, const Knet::IntfId& intfId) const;
 
   // The per-interface reactors, one per PIM interface of the status.
   class PimIntfSm;
@@ -167,6 +202,16 @@ class IOSm : public Loom::Entity {
   void loom_PamInIs(Knet::IpPam* pam);
   void loom_TxMessageInfoInIs(const Loom::Ptr<MessageInfo>& info);
   void trace(int level, const std::string& text) const;
+  // A new message of the class of `type` (and DF election `subtype`) with the packet's addresses,
+  // read at the context's offset (with `boundary` for Join/Prune): bytes read, 0 on failure.
+  U32 decode(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType type, U8 subtype,
+             const Loom::Ptr<Boundary::IntfBoundary>& boundary, Loom::Ptr<Packet::Message>& msg);
+  // The two ends of a processing method: the message kept and the context moved past it (true),
+  // or the packet dropped with `text` and counted with `ct` (false).
+  bool processed(const Loom::Ptr<RxPktContext>& ctx, const Loom::Ptr<Packet::Message>& msg, U32 bytes);
+  bool dropped(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType type, int level, const char* text,
+               MessageCounterType ct);
+  bool processSimple(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType type, const char* readError);
   void countIn(IntfCounters& slots, U8 type, Packet::MessageSubtype subtype, Cask::MessageCounters::Count count);
 
   Loom::Ptr<PamManager> pimPamManager_;
@@ -185,6 +230,7 @@ class IOSm : public Loom::Entity {
   U32 unresQDepth_ = unresQDepthDefault;
   double unresTimeout_ = unresTimeoutDefault;
   std::map<Knet::IntfId, std::unique_ptr<PimIntfSm>> pimIntf_;
+  UnresPktColl pimUnresPkt_;
   double loopQuantum_ = loopQuantumDefault;
   std::set<Knet::IntfId> allPimRoutersMember_;
   bool initialized_ = false;
@@ -197,6 +243,18 @@ class IOSm : public Loom::Entity {
   std::unique_ptr<LoomUnresTimer> loomUnresTimer_;
   std::unique_ptr<Loom_PamIn> loom_PamIn_;
   std::unique_ptr<Loom_TxMessageInfoIn> loom_TxMessageInfoIn_;
+};
+
+// One PIM interface of the status: a neighbor that becomes active releases its parked packets.
+class IOSm::PimIntfSm : public Pim::Intf::Notifiee {
+ public:
+  PimIntfSm(IOSm* sm, const Loom::Ptr<const Pim::Intf>& intf) : sm_(sm) { notifierIs(intf); }
+  void onActiveNeighbor(const Knet::IpGenAddr& addr) override { handleNewNeighbor(addr); }
+  // Hands the neighbor's parked messages over to the agent in arrival order, one count each.
+  void handleNewNeighbor(const Knet::IpGenAddr& addr);
+
+ private:
+  IOSm* sm_;
 };
 
 // Makes the state machine with these arguments and makes it active: how the agent creates it.

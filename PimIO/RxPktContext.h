@@ -11,6 +11,7 @@
 #include "knet/IpHdr.h"
 #include "knet/PimHdr.h"
 #include "knet/Pkt.h"
+#include "loom/LinkQueue.h"
 
 namespace Routing::Pim::IO {
 
@@ -31,8 +32,17 @@ class RxPktContext : public Loom::Entity {
   };
 
   explicit RxPktContext(Loom::Ptr<Knet::Pkt> pkt) : pkt_(std::move(pkt)) { handleInitialized(); }
+  // A packet as the socket delivered it, with its receive metadata.
+  explicit RxPktContext(const Knet::RxPkt& rx)
+      : pkt_(rx.pkt), ifIndex_(rx.ifIndex), srcIp_(rx.src), dstIp_(rx.dst) {
+    handleInitialized();
+  }
 
   const Loom::Ptr<Knet::Pkt>& pkt() const { return pkt_; }
+  // The receive metadata: the kernel index of the interface, the sender and the destination.
+  U32 ifIndex() const { return ifIndex_; }
+  const Knet::IpGenAddr& srcIp() const { return srcIp_; }
+  const Knet::IpGenAddr& dstIp() const { return dstIp_; }
   U32 offset() const { return offset_; }
   void offsetIs(U32 v) { notifiees_.change(offset_, v, &Notifiee::onOffset); }
   void offsetInc(U32 n) { offsetIs(offset_ + n); }
@@ -78,6 +88,9 @@ class RxPktContext : public Loom::Entity {
   }
 
   const Loom::Ptr<Knet::Pkt> pkt_;
+  const U32 ifIndex_ = 0;
+  const Knet::IpGenAddr srcIp_;
+  const Knet::IpGenAddr dstIp_;
   U32 offset_ = 0;
   U16 remaining_ = 0;
   Loom::Ptr<const Intf> pIntf_;
@@ -92,10 +105,12 @@ class RxPktContext : public Loom::Entity {
 };
 
 inline Loom::Ptr<RxPktContext> rxPktContextFactory(const Loom::Ptr<Knet::Pkt>& pkt) { return new RxPktContext(pkt); }
+inline Loom::Ptr<RxPktContext> rxPktContextFactory(const Knet::RxPkt& rx) { return new RxPktContext(rx); }
 
 // An entry of a neighbor's unresolved-packet queue: a decoded message that waits for its sender
-// to become a known neighbor, and how many reviews of the queue have seen it.
-class PimPacket : public Loom::Entity {
+// to become a known neighbor, and how many reviews of the queue have seen it. It links itself into
+// its queue, so that a parked message costs its decoded size and this record only.
+class PimPacket : public Loom::Entity, public Loom::LinkQueue<PimPacket>::Link {
  public:
   Packet::MessageType mType() const { return mType_; }
   void mTypeIs(Packet::MessageType t) { mType_ = t; }

@@ -324,6 +324,7 @@ bool readGroupRecord(ReadState& st) {
 U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 offset,
                                            const Loom::Ptr<Boundary::IntfBoundary>& intfBoundary) {
   bidirFilteredGroups_ = 0;
+  groupCount_ = 0;
   if (readHeader(pkt, offset) == 0) {
     return PIM_FAIL(T::headerParse);
   }
@@ -347,6 +348,7 @@ U32 JoinPruneMessage::readJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32 
   Loom::Ptr<JoinPruneData> data = new JoinPruneData(upstream.address());
   data->reserved2Is(r.readU8());
   const U8 numGroups = r.readU8();
+  groupCount_ = numGroups;
   data->holdTimeIs(r.readU16Be());
   data->joinPruneGroupData().reserve(numGroups);
 

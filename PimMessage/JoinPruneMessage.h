@@ -88,6 +88,9 @@ class JoinPruneMessage : public Message {
   // The groups that the last read dropped because their B flag did not match bidir(): a message
   // read in the wrong mode keeps none of its groups.
   U32 bidirFilteredGroups() const { return bidirFilteredGroups_; }
+  // The number of groups that the last message read announced in its header, whatever became of
+  // them: a read that fails with groups announced lost them all to filters or to bad records.
+  U8 groupCount() const { return groupCount_; }
   void reportIs(const Report& v) { report_ = v; }
 
   // Reads the message at offset into a new tree: bytes read, or 0 on failure. `intfBoundary`
@@ -106,6 +109,7 @@ class JoinPruneMessage : public Message {
   bool bidir_ = false;
   Report report_;
   U32 bidirFilteredGroups_ = 0;
+  U8 groupCount_ = 0;
 };
 
 Loom::Ptr<JoinPruneMessage> joinPruneMessageFactory();

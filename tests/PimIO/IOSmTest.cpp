@@ -2,9 +2,8 @@
 // (the handlers trace their entry at level 8), and the message counters in a real shared-memory
 // table.
 #include <gtest/gtest.h>
-#include <unistd.h>
-
 #include "PimIO/IOSm.h"
+#include "support/IOSmAgent.h"
 #include "loom/Trace.h"
 
 namespace Routing::Pim::IO {
@@ -16,25 +15,7 @@ using Lines = std::vector<std::string>;
 constexpr auto rx = MessageCounterDirection::directionRx;
 constexpr auto valid = MessageCounterType::counterValid;
 
-// The agent's side of one instance, as the agent would wire it.
-struct Agent {
-  Loom::Ptr<PamManager> manager = pamManagerFactory(Knet::AddressFamily::ipv4, "", false);
-  Loom::Ptr<Cask::MessageCounters> counters =
-      Cask::messageCountersFactory("iosm" + std::to_string(getpid()), Knet::AddressFamily::ipv4, 64);
-  Loom::Ptr<Status> status = statusFactory("blue");
-  Loom::Ptr<Interface::DeviceIntfStatusDir> devices = Interface::deviceIntfStatusDirFactory();
-  Keel::ManualClock clock;
-  Loom::Ptr<Keel::TimerWheel> wheel = Keel::timerWheelFactory(clock);
-  Loom::Ptr<Keel::Timer> timer = wheel->timerNew();
-  Loom::Ptr<McastBoundary::Status> boundary = McastBoundary::statusFactory();
-  ~Agent() { counters->unlink(); }
-
-  Loom::Ptr<IOSm> sm(bool withManager = true) {
-    return iOSmFactory(withManager ? manager : nullptr, counters, status, configCollFactory(), IpGen::intfStatusFactory(),
-                       Acl::aclTypeConfigFactory(), devices, Interface::allIntfStatusDirFactory(), pimAttrLogSmFactory(),
-                       timer, boundary);
-  }
-};
+using Agent = Test::IOSmAgent;
 
 Lines entries(const Loom::TraceCapture& cap) {
   Lines out;
@@ -89,7 +70,7 @@ TEST(IOSm, ReactorsAndTheirCatchUp) {
       {"a message to send", [&] { a.manager->txMessageInfo()->countInc(); }, {"txPkt"}},
       {"an interface comes", [&] { a.status->pimIntfIs(Knet::IntfId("eth2")); }, {"handlePimInterface eth2"}},
       {"a neighbor becomes active", [&] { a.status->pimIntf(Knet::IntfId("eth2"))->neighborIs(*Knet::IpGenAddr::parse("10.0.0.9"), true); },
-       {"handleNewNeighbor eth2 10.0.0.9"}},
+       {"handleNewNeighbor eth2 10.0.0.9", "No unresolved packets for neighbor 10.0.0.9"}},
       {"the interface goes", [&] { a.status->pimIntfDel(Knet::IntfId("eth2")); }, {"handlePimInterface eth2"}},
       {"a device changes", [&] { a.devices->intfStatusAndDeviceNameIs(Knet::IntfId("eth2"), {7, "veth2"}); },
        {"handleInterface eth2"}},

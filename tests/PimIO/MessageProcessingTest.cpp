@@ -1,0 +1,291 @@
+// Message processing, the neighbor filter and the unresolved-packet queues, driven through the
+// state machine with the timer wheel on a clock the test moves (no sleeping). Packets are bytes
+// as a peer sends them; counts are read back from the real shared-memory table.
+#include <gtest/gtest.h>
+
+#include "PimMessage/DfElectionMessage.h"
+#include "support/CodecTest.h"
+#include "support/IOSmAgent.h"
+
+namespace Routing::Pim::IO {
+namespace {
+
+using namespace PimTest;
+using Cask::CounterKey;
+using Lines = std::vector<std::string>;
+
+const Knet::IntfId eth1("eth1");
+constexpr U32 eth1Index = 7;
+const Knet::IpGenAddr peer = ip("10.0.0.2");
+const Knet::IpGenAddr allPimRouters = ip("224.0.0.13");
+
+// The bodies of the messages, IPv4, before their checksum.
+Bytes helloBytes() { return {0x20, 0, 0, 0, 0, 1, 0, 2, 0, 105}; }
+Bytes joinPruneBytes(const char* group) {
+  return concat({{0x23, 0, 0, 0}, encodedUnicastBytes("10.0.0.1"), {0, 1, 0, 210}, encodedGroupBytes(group, 32),
+                 {0, 1, 0, 0}, {1, 0, 0x04, 32, 10, 1, 1, 1}});
+}
+Bytes assertBytes(const char* group) {
+  return concat({{0x25, 0, 0, 0}, encodedGroupBytes(group, 32), encodedUnicastBytes("10.1.1.1"), {0, 0, 0, 1, 0, 0, 0, 10}});
+}
+// A Bootstrap of two ranges with one RP each: the first given (flags 1: admin-scoped), the
+// second 239.1/16, which lies behind eth1's boundary.
+Bytes bootstrapBytes(const char* first, U8 mask, U8 flags) {
+  const Bytes rp = concat({encodedUnicastBytes("10.9.9.9"), {0, 150, 1, 0}});
+  return concat({{0x24, 0, 0, 0, 0, 1, 30, 1}, encodedUnicastBytes("10.9.9.9"), encodedGroupBytes(first, mask, flags),
+                 {1, 1, 0, 0}, rp, encodedGroupBytes("239.1.0.0", 16), {1, 1, 0, 0}, rp});
+}
+// A DF election Winner is the common part alone: RP, metric preference and metric.
+Bytes dfWinnerBytes(U8 subtype) {
+  return concat({{0x2A, U8(subtype << 4), 0, 0}, encodedUnicastBytes("10.9.9.9"), {0, 0, 0, 1, 0, 0, 0, 10}});
+}
+
+Bytes cut(Bytes b, size_t n) {
+  b.resize(b.size() - n);
+  return b;
+}
+
+Loom::Ptr<RxPktContext> context(Bytes b, const Loom::Ptr<PamManager>& manager, const Knet::IpGenAddr& dst) {
+  fixChecksum(b, peer, dst);
+  auto ctx = rxPktContextFactory(Knet::RxPkt{pkt(b), eth1Index, peer, dst});
+  ctx->kIntfIs(manager->kernelIntf(eth1Index));
+  return ctx;
+}
+
+struct Fixture : Test::IOSmAgent {
+  Loom::Ptr<IOSm> io;
+  Fixture() {
+    manager->kernelIntfIs(eth1Index)->intfIdIs(eth1);
+    // Groups of 239.1/16 lie behind eth1's boundary; the rest of the multicast range passes.
+    auto b = boundary->softwareBoundaryStatusIs(eth1.name());
+    b->ruleIs(Knet::IpGenPrefix(ip("239.1.0.0"), 16), false);
+    b->ruleIs(Knet::IpGenPrefix(ip("224.0.0.0"), 4), true);
+    status->pimIntfIs(eth1);
+    io = sm();
+  }
+  Cask::MessageCounterData count(Knet::PimMessageType t, U8 subtype = CounterKey::anySubtype) const {
+    return counters->msgCounter({eth1, t.type(), subtype});
+  }
+};
+
+Lines lines(const Loom::TraceCapture& cap, int atMost) {
+  Lines out;
+  for (const auto& l : cap.lines()) {
+    if (l.unit == "PimIO" && l.level <= atMost) out.push_back(l.text);
+  }
+  return out;
+}
+
+// Each row: the message, what its method returns, the drop's trace and the count it leaves.
+TEST(MessageProcessing, EachTypeDecodedOrDroppedWithItsTextAndCount) {
+  enum Count { none, invalid, filtered };
+  const struct {
+    const char* name;
+    Bytes bytes;
+    bool (IOSm::*process)(const Loom::Ptr<RxPktContext>&);
+    bool accepted;
+    std::string text;  // the level-1..4 drop line ("" when accepted)
+    Count count;
+  } rows[] = {
+      {"hello", helloBytes(), &IOSm::processHelloMessage, true, "", none},
+      {"hello cut in an option", cut(helloBytes(), 1), &IOSm::processHelloMessage, false,
+       "RX: Error - Invalid Pim Hello - Read Error", invalid},
+      {"join/prune", joinPruneBytes("239.2.2.2"), &IOSm::processJoinPruneMessage, true, "", none},
+      {"join/prune of one group behind the boundary", joinPruneBytes("239.1.2.3"), &IOSm::processJoinPruneMessage, false,
+       "RX: Filtered - Pim Join/Prune - Zero Groups", filtered},
+      {"join/prune cut in its source", cut(joinPruneBytes("239.2.2.2"), 2),
+       &IOSm::processJoinPruneMessage, false, "RX: Error - Invalid Pim Join/Prune - Read Error", invalid},
+      {"join/prune announcing no group", concat({{0x23, 0, 0, 0}, encodedUnicastBytes("10.0.0.1"), {0, 0, 0, 210}}),
+       &IOSm::processJoinPruneMessage, false, "RX: Error - Invalid Pim Join/Prune - Read Error", invalid},
+      {"assert", assertBytes("239.2.2.2"), &IOSm::processAssertMessage, true, "", none},
+      {"assert for a group behind the boundary", assertBytes("239.1.2.3"), &IOSm::processAssertMessage, false,
+       "RX: Assert: Group is Boundary filter - Packet Filtered", filtered},
+      {"bootstrap, only its second range bounded", bootstrapBytes("224.0.0.0", 4, 0), &IOSm::processBootstrapMessage,
+       true, "", none},
+      {"bootstrap, first range admin-scoped, not bounded", bootstrapBytes("239.2.0.0", 16, 1),
+       &IOSm::processBootstrapMessage, true, "", none},
+      {"bootstrap, first range admin-scoped and bounded", bootstrapBytes("224.0.0.0", 4, 1),
+       &IOSm::processBootstrapMessage, false, "RX: Bootstrap: Group in Boundary Filter - Packet Filtered", filtered},
+      {"df election winner", dfWinnerBytes(2), &IOSm::processDfElectionMessage, true, "", none},
+      {"df election winner cut", cut(dfWinnerBytes(2), 4),
+       &IOSm::processDfElectionMessage, false, "RX: Error - Invalid Pim DF Election Winner - Read Error", invalid},
+      {"df election subtype 5", dfWinnerBytes(5), &IOSm::processDfElectionMessage, false,
+       "RX: Error - Unsupported Pim DF Election Type", invalid},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Fixture f;
+    auto ctx = context(row.bytes, f.manager, allPimRouters);
+    const Knet::PimMessageType type(row.bytes[0]);
+    Loom::TraceCapture cap(4);
+    EXPECT_EQ(((*f.io).*row.process)(ctx), row.accepted);
+    const auto c = f.count(type);
+    EXPECT_EQ(c.rxInvalid, row.count == invalid ? 1u : 0u);
+    EXPECT_EQ(c.rxFiltered, row.count == filtered ? 1u : 0u);
+    if (row.accepted) {
+      ASSERT_TRUE(ctx->msg());
+      EXPECT_EQ(ctx->msg()->pimMessageType(), type);
+      EXPECT_EQ(ctx->msg()->srcIp(), peer);
+      EXPECT_EQ(ctx->offset(), row.bytes.size()) << "the context moved past the message";
+      EXPECT_EQ(ctx->remaining(), 0u);
+    } else {
+      EXPECT_FALSE(ctx->msg());
+      const Lines got = lines(cap, 4);
+      EXPECT_NE(std::find(got.begin(), got.end(), "<Vrf:blue> " + row.text), got.end()) << ::testing::PrintToString(got);
+    }
+  }
+}
+
+// A missing or mistyped list lets everything through; an existing list that does not name the
+// address drops it; Register and Register-Stop are never filtered.
+TEST(MessageProcessing, NeighborFilterAsymmetry) {
+  const struct {
+    const char* name;
+    const char* list;  // eth1's neighbor filter
+    Knet::PimMessageType type;
+    Knet::IpGenAddr src;
+    bool dropped;
+    std::string text;
+  } rows[] = {
+      {"no filter on the interface", "", Knet::pimHello(), peer, false, ""},
+      {"a list that does not exist", "missing", Knet::pimHello(), peer, false,
+       "Neighbor Filter - No Config For ACL - Name: missing"},
+      {"an IPv6 neighbor against an IPv4 list", "v4", Knet::pimHello(), ip("fe80::2"), false,
+       "Neighbor Filter Ipv6 - Invalid ACL Type - Name: v4 Type: 1"},
+      {"an IPv4 neighbor against an IPv6 list", "v6", Knet::pimHello(), peer, false,
+       "Neighbor Filter - Invalid ACL Type - Name: v6 Type: 2"},
+      {"an empty list", "empty", Knet::pimJoinPrune(), peer, true,
+       "Neighbor Filter - No Rule Match - Deny - Name: empty Source: 10.0.0.2"},
+      {"a permit", "v4", Knet::pimHello(), ip("10.0.0.9"), false,
+       "Neighbor Filter - Rule Match - Permit - Name: v4 Source: 10.0.0.9"},
+      {"a deny before the permit", "v4", Knet::pimAssert(), peer, true,
+       "Neighbor Filter - Rule Match - Deny - Name: v4 Source: 10.0.0.2"},
+      {"no rule for the address", "v4", Knet::pimHello(), ip("192.168.1.1"), true,
+       "Neighbor Filter - No Rule Match - Deny - Name: v4 Source: 192.168.1.1"},
+      {"an IPv6 deny", "v6", Knet::pimHello(), ip("fe80::2"), true,
+       "Neighbor Filter - Rule Match - Deny - Name: v6 Source: fe80::2"},
+      {"register under a deny-all list", "empty", Knet::pimRegister(), peer, false, ""},
+      {"register-stop under a deny-all list", "empty", Knet::pimRegisterStop(), peer, false, ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Fixture f;
+    f.acl->aclConfigIs("empty", Acl::AclType::ipv4);
+    auto v4 = f.acl->aclConfigIs("v4", Acl::AclType::ipv4);
+    v4->ipRuleConfigIs(20, {Acl::AclAction::permit, Acl::IpFilter(Knet::IpGenPrefix(ip("10.0.0.0"), 24))});
+    v4->ipRuleConfigIs(10, {Acl::AclAction::deny, Acl::IpFilter(Knet::IpGenPrefix(ip("10.0.0.2"), 32))});
+    f.acl->aclConfigIs("v6", Acl::AclType::ipv6)
+        ->ip6RuleConfigIs(10, {Acl::AclAction::deny, Acl::Ip6Filter(Knet::IpGenPrefix(ip("fe80::"), 64))});
+    f.config->intfConfigIs(eth1)->neighborFilterIs(row.list);
+    Loom::TraceCapture cap(7);
+    EXPECT_EQ(f.io->neighborFiltered(row.type, row.src, eth1), row.dropped);
+    const Lines got = lines(cap, 7);
+    if (row.text.empty()) {
+      EXPECT_EQ(got.size(), 1u) << "the entry line only: " << ::testing::PrintToString(got);
+    } else {
+      EXPECT_EQ(got.back(), "<Vrf:blue> " + row.text);
+    }
+  }
+}
+
+// ---- Unresolved-packet queues
+
+struct Queues : Fixture {
+  // The agent's Join/Prune slot and what it saw, one entry per count change.
+  Loom::Ptr<MessageInfo> slot = messageInfoFactory();
+  struct Watcher : MessageInfo::Notifiee {
+    std::vector<Loom::Ptr<Packet::Message>> seen;
+    void onCount() override { seen.push_back(notifier()->message()); }
+  } watcher;
+  Queues() {
+    manager->rxMessageInfoIs(Knet::pimJoinPrune().type(), slot);
+    watcher.notifierIs(slot);
+    watcher.hasNotificationActiveIs(true);
+  }
+  Loom::Ptr<Packet::Message> park(const Knet::IpGenAddr& from, Bytes b = joinPruneBytes("239.2.2.2")) {
+    auto ctx = context(b, manager, allPimRouters);
+    const bool ok = b[0] == 0x23 ? io->processJoinPruneMessage(ctx) : io->processAssertMessage(ctx);
+    EXPECT_TRUE(ok);
+    io->pimUnresPktEnq({eth1, from}, ctx->msg());
+    return ctx->msg();
+  }
+  void neighborUp(const Knet::IpGenAddr& a) { status->pimIntf(eth1)->neighborIs(a, true); }
+};
+
+TEST(UnresolvedPackets, PurgedAtTheSecondReviewNeverTheFirst) {
+  Queues q;
+  Loom::TraceCapture cap(3);
+  q.park(peer);
+  EXPECT_EQ(q.timer->timeMin(), 5.0) << "armed by the first queue";
+  q.advanceTo(5.0);  // first review: seen once, kept
+  q.park(peer);      // parked just after a review
+  EXPECT_EQ(q.io->pimUnresPkt({eth1, peer})->pktCount(), 2u);
+  EXPECT_EQ(q.timer->timeMin(), 10.0) << "re-armed while queues remain";
+  q.advanceTo(10.0);  // the first is purged, the second seen once
+  EXPECT_EQ(q.io->pimUnresPkt({eth1, peer})->pktCount(), 1u);
+  EXPECT_EQ(q.count(Knet::pimJoinPrune()).rxInvalid, 1u);
+  q.advanceTo(15.0);
+  EXPECT_FALSE(q.io->pimUnresPkt({eth1, peer}));
+  EXPECT_EQ(q.count(Knet::pimJoinPrune()).rxInvalid, 2u) << "each purge counted";
+  EXPECT_EQ(q.timer->timeMin(), Keel::timeInfinity) << "no queue left, not re-armed";
+  const Lines got = lines(cap, 3);
+  EXPECT_EQ(std::count(got.begin(), got.end(),
+                       "<Vrf:blue> Purging PIM joinPrune packet since neighbor 10.0.0.2 was not discovered yet."),
+            2);
+  EXPECT_EQ(got.back(), "<Vrf:blue> Purged all queued packets for neighbor 10.0.0.2");
+  EXPECT_EQ(std::count(got.begin(), got.end(), "<Vrf:blue> There are unresolved packets.  Re-enabling timer."), 2);
+  EXPECT_EQ(std::count(got.begin(), got.end(), "<Vrf:blue> RX: There are unresolved packets.  Enabling timer."), 1);
+}
+
+// Handed over in arrival order, one count change and one valid count each; a type without a
+// slot is counted filtered; the timer stays armed until the last queue goes.
+TEST(UnresolvedPackets, HandOverInArrivalOrderAndTheTimer) {
+  Queues q;
+  const Knet::IpGenAddr other = ip("10.0.0.3");
+  const auto first = q.park(peer);
+  q.park(other);
+  const auto assert = q.park(peer, assertBytes("239.2.2.2"));
+  const auto third = q.park(peer, joinPruneBytes("239.3.3.3"));
+  q.advanceTo(5.0);  // between the two reviews
+  Loom::TraceCapture cap(3);
+  q.neighborUp(peer);
+  EXPECT_EQ(q.watcher.seen, (std::vector<Loom::Ptr<Packet::Message>>{first, third}));
+  EXPECT_EQ(q.slot->intfId(), eth1);
+  EXPECT_EQ(q.count(Knet::pimJoinPrune()).rxValid, 2u);
+  EXPECT_EQ(q.count(Knet::pimAssert()).rxFiltered, 1u) << "no Assert slot";
+  EXPECT_EQ(q.timer->timeMin(), 10.0) << "another neighbor still waits";
+  q.neighborUp(other);
+  EXPECT_EQ(q.watcher.seen.size(), 3u);
+  EXPECT_EQ(q.timer->timeMin(), Keel::timeInfinity);
+  q.neighborUp(ip("10.0.0.4"));
+  EXPECT_EQ(lines(cap, 3), (Lines{"<Vrf:blue> RX: Error - No Message Info - Type: assert",
+                                  "<Vrf:blue> Processed all queued packets for neighbor 10.0.0.2",
+                                  "<Vrf:blue> Processed all queued packets for neighbor 10.0.0.3",
+                                  "<Vrf:blue> There are no unresolved packets.  Disabling timer.",
+                                  "<Vrf:blue> No unresolved packets for neighbor 10.0.0.4"}));
+  EXPECT_TRUE(q.io->pimUnresPkt().empty());
+}
+
+// Sequence numbers: the larger of the next number and the tail's + 1; put and delete by number.
+TEST(UnresolvedPackets, QueueNumbering) {
+  PimUnresolvedPackets q({eth1, peer});
+  std::vector<Loom::Ptr<PimPacket>> p;
+  for (int i = 0; i < 5; ++i) p.push_back(PimPacketIs());
+  EXPECT_EQ(q.pktEnq(p[0]), 0u);
+  q.pktIs(7, p[1]);
+  EXPECT_EQ(q.pktEnq(p[2]), 8u) << "after the tail put at 7";
+  q.pktIs(3, p[3]);
+  EXPECT_EQ(q.pktEnq(p[4]), 9u);
+  q.pktDel(7);
+  std::vector<U32> order;
+  for (PimPacket* e = q.pkt().head(); e; e = PimUnresolvedPackets::Queue::next(e)) order.push_back(e->linkIndex());
+  EXPECT_EQ(order, (std::vector<U32>{0, 3, 8, 9}));
+  EXPECT_EQ(q.pktDeq(), p[0]);
+  EXPECT_EQ(q.pkt(3), p[3].ptr());
+  q.pktDel(9);
+  EXPECT_EQ(q.pkt().tail(), p[2].ptr()) << "the tail follows a deleted last entry";
+  EXPECT_EQ(q.pktCount(), 2u);
+}
+
+}  // namespace
+}  // namespace Routing::Pim::IO
