@@ -341,8 +341,6 @@ void IOSm::handleInitialized() {
   initialized_ = true;
 }
 
-// Reads packets from the socket in time slices (the receive path).
-void IOSm::rxPkt() { trace(8, "rxPkt"); }
 // Encodes and sends the transmit record's message (the transmit path).
 void IOSm::txPkt() { trace(8, "txPkt"); }
 void IOSm::handleTxSuccess() { trace(8, "handleTxSuccess"); }

@@ -118,6 +118,23 @@ class IOSm : public Loom::Entity {
   bool processBootstrapMessage(const Loom::Ptr<RxPktContext>& ctx);
   bool processCrpAdvMessage(const Loom::Ptr<RxPktContext>& ctx);
   bool processDfElectionMessage(const Loom::Ptr<RxPktContext>& ctx);
+  // The receive path, run when the socket is readable: reads packets in a time slice of
+  // loopQuantum() and runs each through processPkt.
+  void processPkt(const Loom::Ptr<RxPktContext>& ctx);
+  bool readIpHeader(const Loom::Ptr<RxPktContext>& ctx);
+  // The PIM header at the context's offset (not consumed); null when the packet is too short.
+  const Knet::PimCommonHdr* peekPimHeader(const Loom::Ptr<RxPktContext>& ctx);
+  bool validateRxInterface(const Loom::Ptr<RxPktContext>& ctx);
+  bool validateRxDstAddress(const Loom::Ptr<RxPktContext>& ctx);
+  bool validateRxSrcAddress(const Loom::Ptr<RxPktContext>& ctx);
+  // Every packet read is accounted once: read = valid + filtered + invalid + parked + errors, from
+  // the manager's receive counter, the table's totals and the queues.
+  struct RxAccounting {
+    U64 read = 0, valid = 0, filtered = 0, invalid = 0, parked = 0, errors = 0;
+    bool balanced() const { return read == valid + filtered + invalid + parked + errors; }
+  };
+  RxAccounting rxAccounting() const;
+
   // Whether the interface's neighbor filter drops messages of `type` from `srcIp` (true = drop).
   // A missing list, or one of the other family, lets everything through; an existing list without
   // a rule for the address drops it.
@@ -212,6 +229,10 @@ class IOSm : public Loom::Entity {
   bool dropped(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType type, int level, const char* text,
                MessageCounterType ct);
   bool processSimple(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType type, const char* readError);
+  void handOver(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType t);
+  void rxErrorInc();
+  // The time of the agent's timer wheel (the monotonic clock without one).
+  Keel::Time now() const;
   void countIn(IntfCounters& slots, U8 type, Packet::MessageSubtype subtype, Cask::MessageCounters::Count count);
 
   Loom::Ptr<PamManager> pimPamManager_;
@@ -231,6 +252,7 @@ class IOSm : public Loom::Entity {
   double unresTimeout_ = unresTimeoutDefault;
   std::map<Knet::IntfId, std::unique_ptr<PimIntfSm>> pimIntf_;
   UnresPktColl pimUnresPkt_;
+  std::vector<Knet::RxPkt> rxBatch_;
   double loopQuantum_ = loopQuantumDefault;
   std::set<Knet::IntfId> allPimRoutersMember_;
   bool initialized_ = false;
@@ -244,6 +266,8 @@ class IOSm : public Loom::Entity {
   std::unique_ptr<Loom_PamIn> loom_PamIn_;
   std::unique_ptr<Loom_TxMessageInfoIn> loom_TxMessageInfoIn_;
 };
+
+std::ostream& operator<<(std::ostream& os, const IOSm::RxAccounting& a);
 
 // One PIM interface of the status: a neighbor that becomes active releases its parked packets.
 class IOSm::PimIntfSm : public Pim::Intf::Notifiee {

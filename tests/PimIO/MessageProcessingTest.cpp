@@ -212,6 +212,132 @@ struct Queues : Fixture {
   void neighborUp(const Knet::IpGenAddr& a) { status->pimIntf(eth1)->neighborIs(a, true); }
 };
 
+// ---- The receive path's checks, one packet at a time (the socket's side is in the namespace tests)
+
+// An IPv4 packet as the socket delivers it: a 20-byte header, then the PIM message.
+Bytes ipv4(Bytes pim, const Knet::IpGenAddr& dst) {
+  fixChecksum(pim, peer, dst);
+  Bytes h = {0x45, 0xc0, 0, U8(20 + pim.size()), 0, 0, 0, 0, 1, 103, 0, 0, 10, 0, 0, 2};
+  h.insert(h.end(), dst.bytes(), dst.bytes() + 4);
+  return concat({h, pim});
+}
+
+// Each row a packet from `src` to `dst` on kernel interface `ifIndex`: where it lands (its trace
+// and the count it leaves), and after all of them every packet read is accounted once.
+TEST(ReceivePath, EveryCheckLandsInItsSlotOrCounter) {
+  const Knet::IpGenAddr stranger = ip("10.0.0.3");
+  const Knet::IpGenAddr unicast = ip("10.0.0.1");
+  enum Lands { handed, parked, invalid, filtered, error };
+  const struct {
+    const char* name;
+    Bytes bytes;  // from the IP header on
+    Knet::IpGenAddr src;
+    U32 ifIndex;
+    Lands lands;
+    std::string text;  // the line that says so ("" for a hand-over)
+  } rows[] = {
+      {"hello", ipv4(helloBytes(), allPimRouters), peer, eth1Index, handed, ""},
+      {"an IP header longer than the packet", {0x46, 0, 0, 20, 0, 0, 0, 0, 1, 103, 0, 0, 10, 0, 0, 2, 224, 0, 0, 13}, peer,
+       eth1Index, error,
+       "RX: Error - Missing Ip Header - Remaining: 20 Length: 24"},
+      {"a 3-byte PIM payload", cut(ipv4(helloBytes(), allPimRouters), 7), peer, eth1Index, error,
+       "RX: Error - Missing Pim Header - Remaining: 3"},
+      {"graft", ipv4({0x26, 0, 0, 0}, unicast), peer, eth1Index, error, "RX: Error - Unsupported Pim Message - Type: graft"},
+      {"version 3", ipv4({0x30, 0, 0, 0}, unicast), peer, eth1Index, error,
+       "RX: Error - Invalid Pim Version - Version: 3"},
+      {"type 9", ipv4({0x29, 0, 0, 0}, unicast), peer, eth1Index, error, "RX: Error - Invalid Pim Message - Type: 9"},
+      {"join/prune to a unicast address", ipv4(joinPruneBytes("239.2.2.2"), unicast), peer, eth1Index, invalid,
+       "RX: Error - Invalid Pim Message - Destination is Not ALL-PIM-ROUTERS - Type: joinPrune Address: 10.0.0.1"},
+      {"register to ALL-PIM-ROUTERS", ipv4({0x21, 0, 0, 0, 0x40, 0, 0, 0}, allPimRouters), peer, eth1Index, invalid,
+       "RX: Error - Invalid Pim Message - Type: register Destination is Multicast: 224.0.0.13"},
+      {"a null register on an interface without PIM",
+       ipv4({0x21, 0, 0, 0, 0x40, 0, 0, 0, 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 10, 1, 1, 1, 239, 2, 2, 2}, unicast),
+       peer, 10, handed, ""},
+      {"bootstrap to a unicast address", ipv4(bootstrapBytes("239.2.0.0", 16, 0), unicast), peer, eth1Index, handed, ""},
+      {"df election from an unknown neighbor", ipv4(dfWinnerBytes(2), allPimRouters), stranger, eth1Index, invalid,
+       "RX: Error - Invalid Pim Message - Drop DF election message  because neighborship does not exist: 10.0.0.3"},
+      {"join/prune from an unknown neighbor", ipv4(joinPruneBytes("239.2.2.2"), allPimRouters), stranger, eth1Index,
+       parked, "RX: queuing PIM joinPrune packet for processing when neighbor eth1 neighbor 10.0.0.3 shows up on interface eth1"},
+      {"the next one, its queue at depth 1", ipv4(joinPruneBytes("239.2.2.2"), allPimRouters), stranger, eth1Index,
+       invalid, "RX: Error - Invalid Pim Message - Neighbor Queue Full - Type: joinPrune Address: 10.0.0.3"},
+      {"a neighbor the filter drops", ipv4(assertBytes("239.2.2.2"), allPimRouters), ip("10.0.0.66"), eth1Index, filtered,
+       "RX: Filtered - Type: assert Interface: eth1"},
+      {"a border router's interface", ipv4(helloBytes(), allPimRouters), peer, 9, filtered,
+       "RX: Filtered - Pim Interface has MBR - Type: hello Id: eth3"},
+      {"an unknown kernel interface", ipv4(helloBytes(), allPimRouters), peer, 99, invalid,
+       "RX: Error - Invalid Kernel Interface - Id: 99"},
+      {"a kernel interface the manager has no interface for", ipv4(helloBytes(), allPimRouters), peer, 8, invalid,
+       "RX: Error - Invalid Interface - Id: eth2"},
+      {"a type the agent takes no slot for", ipv4(assertBytes("239.2.2.2"), allPimRouters), peer, eth1Index, filtered,
+       "RX: Error - No Message Info - Type: 5"},
+  };
+  Queues f;
+  f.io->unresQDepthIs(1);
+  f.manager->intfIs(eth1)->ifIndexIs(eth1Index);
+  f.manager->kernelIntfIs(8)->intfIdIs(Knet::IntfId("eth2"));
+  const Knet::IntfId eth3("eth3");
+  f.manager->kernelIntfIs(9)->intfIdIs(eth3);
+  f.manager->intfIs(eth3)->ifIndexIs(9);
+  f.status->pimIntfIs(eth3)->mbrIs(true);
+  f.manager->kernelIntfIs(10)->intfIdIs(Knet::IntfId("eth4"));
+  f.manager->intfIs(Knet::IntfId("eth4"))->ifIndexIs(10);
+  f.manager->rxMessageInfoIs(Knet::pimRegister().type(), messageInfoFactory());
+  f.status->pimIntf(eth1)->neighborIs(peer, true);
+  f.manager->rxMessageInfoIs(Knet::pimHello().type(), messageInfoFactory());
+  f.manager->rxMessageInfoIs(Knet::pimBootstrap().type(), messageInfoFactory());
+  f.acl->aclConfigIs("nbr", Acl::AclType::ipv4)
+      ->ipRuleConfigIs(10, {Acl::AclAction::permit, Acl::IpFilter(Knet::IpGenPrefix(ip("10.0.0.0"), 26))});
+  f.config->intfConfigIs(eth1)->neighborFilterIs("nbr");
+  const auto& counter = f.manager->rxPamCounter();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto before = f.io->rxAccounting();
+    Loom::TraceCapture cap(3);
+    counter->countInc(1);  // as rxPkt counts what it reads
+    f.io->processPkt(rxPktContextFactory(Knet::RxPkt{pkt(row.bytes), row.ifIndex, row.src, row.bytes.size() > 19
+                                                         ? Knet::IpGenAddr::fromBytes(Knet::AddressFamily::ipv4, &row.bytes[16])
+                                                         : allPimRouters}));
+    const auto after = f.io->rxAccounting();
+    EXPECT_EQ(after.valid - before.valid, row.lands == handed ? 1u : 0u);
+    EXPECT_EQ(after.parked - before.parked, row.lands == parked ? 1u : 0u);
+    EXPECT_EQ(after.invalid - before.invalid, row.lands == invalid ? 1u : 0u);
+    EXPECT_EQ(after.filtered - before.filtered, row.lands == filtered ? 1u : 0u);
+    EXPECT_EQ(after.errors - before.errors, row.lands == error ? 1u : 0u);
+    if (!row.text.empty()) {
+      const Lines got = lines(cap, 3);
+      EXPECT_NE(std::find(got.begin(), got.end(), "<Vrf:blue> " + row.text), got.end()) << ::testing::PrintToString(got);
+    }
+  }
+  const auto law = f.io->rxAccounting();
+  EXPECT_TRUE(law.balanced()) << law;
+  EXPECT_EQ(law.read, std::size(rows));
+}
+
+// A Hello from a filtered address with one secondary address that passes is taken, and decoded
+// once; a Hello none of whose addresses passes is filtered.
+TEST(ReceivePath, HelloRescuedByASecondaryAddress) {
+  Queues f;
+  f.manager->intfIs(eth1)->ifIndexIs(eth1Index);
+  f.manager->rxMessageInfoIs(Knet::pimHello().type(), messageInfoFactory());
+  f.acl->aclConfigIs("nbr", Acl::AclType::ipv4)
+      ->ipRuleConfigIs(10, {Acl::AclAction::permit, Acl::IpFilter(Knet::IpGenPrefix(ip("192.168.0.0"), 16))});
+  f.config->intfConfigIs(eth1)->neighborFilterIs("nbr");
+  // Holdtime, then an address list of one address (option 24).
+  const auto hello = [](U8 lastByte) {
+    return concat({helloBytes(), {0, 24, 0, 6, 1, 0, 192, 168, 1, lastByte}});
+  };
+  Loom::TraceCapture cap(4);
+  f.io->processPkt(rxPktContextFactory(Knet::RxPkt{pkt(ipv4(hello(1), allPimRouters)), eth1Index, peer, allPimRouters}));
+  EXPECT_EQ(f.manager->rxMessageInfo(Knet::pimHello().type())->count(), 1u);
+  size_t decodes = 0;
+  for (const auto& l : cap.lines()) decodes += l.unit == "PimMessage" && startsWith(l.text, "RX: <PIM");
+  EXPECT_EQ(decodes, 1u) << "decoded during the filter check only";
+  f.acl->aclConfig("nbr")->ruleDelAll();
+  f.io->processPkt(rxPktContextFactory(Knet::RxPkt{pkt(ipv4(hello(1), allPimRouters)), eth1Index, peer, allPimRouters}));
+  EXPECT_EQ(f.manager->rxMessageInfo(Knet::pimHello().type())->count(), 1u);
+  EXPECT_EQ(f.count(Knet::pimHello()).rxFiltered, 1u);
+}
+
 TEST(UnresolvedPackets, PurgedAtTheSecondReviewNeverTheFirst) {
   Queues q;
   Loom::TraceCapture cap(3);
