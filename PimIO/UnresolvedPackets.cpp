@@ -84,19 +84,20 @@ void IOSm::PimIntfSm::handleNewNeighbor(const Knet::IpGenAddr& addr) {
   // The queue leaves the collection first: an agent that reacts to a hand-over may park more.
   Loom::Ptr<PimUnresolvedPackets> q = found->second;
   sm->pimUnresPkt_.erase(found);
+  IntfCounters* handles = &sm->intfCounters(intfId);
   while (Loom::Ptr<PimPacket> p = q->pktDeq()) {
     const Loom::Ptr<Packet::Message>& msg = p->msg();
     const Knet::PimMessageType type = msg->pimMessageType();
     const Loom::Ptr<MessageInfo>& slot = sm->pimPamManager_ ? sm->pimPamManager_->rxMessageInfo(p->mType()) : nullptr;
     if (!slot) {
       PIMIO_TRACE(1, "RX: Error - No Message Info - Type: " << type);
-      sm->updateCounter(rx, type, Cask::CounterKey::anySubtype, intfId, MessageCounterType::counterFiltered);
+      sm->updateCounter(rx, type, Cask::CounterKey::anySubtype, handles, MessageCounterType::counterFiltered);
       continue;
     }
     slot->intfIdIs(intfId);
     slot->messageIs(msg);
     slot->countInc(1);
-    sm->updateCounter(rx, type, msg->messageSubtype(), intfId, MessageCounterType::counterValid);
+    sm->updateCounter(rx, type, msg->messageSubtype(), handles, MessageCounterType::counterValid);
   }
   PIMIO_TRACE(3, "Processed all queued packets for neighbor " << addr);
   if (sm->pimUnresPkt_.empty() && sm->unresTimer_) {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "PimMessage/DfElectionMessage.h"
-#include "support/CodecTest.h"
+#include "support/PimBytes.h"
 #include "support/IOSmAgent.h"
 
 namespace Routing::Pim::IO {
@@ -20,30 +20,13 @@ const Knet::IpGenAddr peer = ip("10.0.0.2");
 const Knet::IpGenAddr allPimRouters = ip("224.0.0.13");
 
 // The bodies of the messages, IPv4, before their checksum.
-Bytes helloBytes() { return {0x20, 0, 0, 0, 0, 1, 0, 2, 0, 105}; }
-Bytes joinPruneBytes(const char* group) {
-  return concat({{0x23, 0, 0, 0}, encodedUnicastBytes("10.0.0.1"), {0, 1, 0, 210}, encodedGroupBytes(group, 32),
-                 {0, 1, 0, 0}, {1, 0, 0x04, 32, 10, 1, 1, 1}});
-}
-Bytes assertBytes(const char* group) {
-  return concat({{0x25, 0, 0, 0}, encodedGroupBytes(group, 32), encodedUnicastBytes("10.1.1.1"), {0, 0, 0, 1, 0, 0, 0, 10}});
-}
-// A Bootstrap of two ranges with one RP each: the first given (flags 1: admin-scoped), the
-// second 239.1/16, which lies behind eth1's boundary.
+Bytes joinPruneBytes(const char* group) { return PimTest::joinPruneBytes("10.0.0.1", group, "10.1.1.1"); }
+Bytes assertBytes(const char* group) { return PimTest::assertBytes(group, "10.1.1.1"); }
+// The first range given, then 239.1/16, which lies behind eth1's boundary.
 Bytes bootstrapBytes(const char* first, U8 mask, U8 flags) {
-  const Bytes rp = concat({encodedUnicastBytes("10.9.9.9"), {0, 150, 1, 0}});
-  return concat({{0x24, 0, 0, 0, 0, 1, 30, 1}, encodedUnicastBytes("10.9.9.9"), encodedGroupBytes(first, mask, flags),
-                 {1, 1, 0, 0}, rp, encodedGroupBytes("239.1.0.0", 16), {1, 1, 0, 0}, rp});
+  return PimTest::bootstrapBytes("10.9.9.9", first, mask, flags, "239.1.0.0", 16);
 }
-// A DF election Winner is the common part alone: RP, metric preference and metric.
-Bytes dfWinnerBytes(U8 subtype) {
-  return concat({{0x2A, U8(subtype << 4), 0, 0}, encodedUnicastBytes("10.9.9.9"), {0, 0, 0, 1, 0, 0, 0, 10}});
-}
-
-Bytes cut(Bytes b, size_t n) {
-  b.resize(b.size() - n);
-  return b;
-}
+Bytes dfWinnerBytes(U8 subtype) { return dfElectionBytes(subtype, "10.9.9.9"); }
 
 Loom::Ptr<RxPktContext> context(Bytes b, const Loom::Ptr<PamManager>& manager, const Knet::IpGenAddr& dst) {
   fixChecksum(b, peer, dst);
@@ -250,9 +233,8 @@ TEST(ReceivePath, EveryCheckLandsInItsSlotOrCounter) {
        "RX: Error - Invalid Pim Message - Destination is Not ALL-PIM-ROUTERS - Type: joinPrune Address: 10.0.0.1"},
       {"register to ALL-PIM-ROUTERS", ipv4({0x21, 0, 0, 0, 0x40, 0, 0, 0}, allPimRouters), peer, eth1Index, invalid,
        "RX: Error - Invalid Pim Message - Type: register Destination is Multicast: 224.0.0.13"},
-      {"a null register on an interface without PIM",
-       ipv4({0x21, 0, 0, 0, 0x40, 0, 0, 0, 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 10, 1, 1, 1, 239, 2, 2, 2}, unicast),
-       peer, 10, handed, ""},
+      {"a null register on an interface without PIM", ipv4(nullRegisterBytes("10.1.1.1", "239.2.2.2"), unicast), peer, 10,
+       handed, ""},
       {"bootstrap to a unicast address", ipv4(bootstrapBytes("239.2.0.0", 16, 0), unicast), peer, eth1Index, handed, ""},
       {"df election from an unknown neighbor", ipv4(dfWinnerBytes(2), allPimRouters), stranger, eth1Index, invalid,
        "RX: Error - Invalid Pim Message - Drop DF election message  because neighborship does not exist: 10.0.0.3"},
