@@ -10,22 +10,26 @@
 
 namespace Routing::Pim::IO {
 
+// A peer that sends bad packets sends many: each message is emitted at most once a second (the
+// traces and counters see every packet).
+constexpr double logInterval = 1.0;
+
 Loom::LogMessage PIM_MESSAGE_INVALID_VERSION("PIM_MESSAGE_INVALID_VERSION", 4,
                                              "Invalid PIM version %d received from source %s.",
                                              "The version sent by the peer PIM router is not supported.",
-                                             "Capture the packet using tcpdump and contact support.");
+                                             "Capture the packet using tcpdump and contact support.", logInterval);
 Loom::LogMessage PIM_MESSAGE_INVALID_DESTINATION("PIM_MESSAGE_INVALID_DESTINATION", 4,
                                                  "Invalid PIM destination %s for PIM type %d received from source %s.",
                                                  "The IP destination sent by the peer PIM router is not correct.",
-                                                 "Capture the packet using tcpdump and contact support.");
+                                                 "Capture the packet using tcpdump and contact support.", logInterval);
 Loom::LogMessage PIM_MESSAGE_INVALID_TYPE("PIM_MESSAGE_INVALID_TYPE", 4, "Invalid PIM type %d received from source %s.",
                                           "The PIM type is not recognized.",
-                                          "Capture the packet using tcpdump and contact support.");
+                                          "Capture the packet using tcpdump and contact support.", logInterval);
 Loom::LogMessage PIM_MESSAGE_UNPROCESSQ_FULL(
     "PIM_MESSAGE_UNPROCESSQ_FULL", 4,
     "PIM unprocessed message queue is full for neighbor %s, message type 0x%x on VRF %s.",
     "Delayed protocol convergence is expected.",
-    "None: the messages are sent again by the neighbor; check why its Hellos do not arrive.");
+    "None: the messages are sent again by the neighbor; check why its Hellos do not arrive.", logInterval);
 
 namespace {
 
