@@ -341,10 +341,6 @@ void IOSm::handleInitialized() {
   initialized_ = true;
 }
 
-// Encodes and sends the transmit record's message (the transmit path).
-void IOSm::txPkt() { trace(8, "txPkt"); }
-void IOSm::handleTxSuccess() { trace(8, "handleTxSuccess"); }
-void IOSm::handleTxError() { trace(8, "handleTxError"); }
 // Rebuilds the kernel filter program from the receive slots.
 void IOSm::handlePamFilter() { trace(8, "handlePamFilter"); }
 // Follows a PIM interface that came or went (membership of ALL-PIM-ROUTERS).

@@ -135,6 +135,15 @@ class IOSm : public Loom::Entity {
   };
   RxAccounting rxAccounting() const;
 
+  // The transmit path's IP header, written into the room in front of the message when the
+  // manager builds headers itself.
+  void doAddIpHeader(const Loom::Ptr<Knet::Pkt>& pkt, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst, U8 ttl,
+                     U8 tos);
+  void doAddIpv4Header(const Loom::Ptr<Knet::Pkt>& pkt, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst,
+                       U8 ttl, U8 tos);
+  void doAddIpv6Header(const Loom::Ptr<Knet::Pkt>& pkt, const Knet::IpGenAddr& src, const Knet::IpGenAddr& dst,
+                       U8 ttl, U8 tos);
+
   // Whether the interface's neighbor filter drops messages of `type` from `srcIp` (true = drop).
   // A missing list, or one of the other family, lets everything through; an existing list without
   // a rule for the address drops it.
@@ -231,6 +240,7 @@ class IOSm : public Loom::Entity {
   bool processSimple(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType type, const char* readError);
   void handOver(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType t);
   void rxErrorInc();
+  void txErrorInc();
   // The time of the agent's timer wheel (the monotonic clock without one).
   Keel::Time now() const;
   void countIn(IntfCounters& slots, U8 type, Packet::MessageSubtype subtype, Cask::MessageCounters::Count count);
@@ -253,6 +263,7 @@ class IOSm : public Loom::Entity {
   std::map<Knet::IntfId, std::unique_ptr<PimIntfSm>> pimIntf_;
   UnresPktColl pimUnresPkt_;
   std::vector<Knet::RxPkt> rxBatch_;
+  Loom::Ptr<Knet::PktBuffer> txBuffer_;  // reused for every message sent while no one else holds it
   double loopQuantum_ = loopQuantumDefault;
   std::set<Knet::IntfId> allPimRoutersMember_;
   bool initialized_ = false;

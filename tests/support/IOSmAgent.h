@@ -17,6 +17,7 @@ struct IOSmAgent {
   Loom::Ptr<Status> status = statusFactory("blue");
   Loom::Ptr<ConfigColl> config = configCollFactory();
   Loom::Ptr<Acl::AclTypeConfig> acl = Acl::aclTypeConfigFactory();
+  Loom::Ptr<IpGen::IntfStatus> ipStatus = IpGen::intfStatusFactory();
   Loom::Ptr<Interface::DeviceIntfStatusDir> devices = Interface::deviceIntfStatusDirFactory();
   Keel::ManualClock clock;
   Loom::Ptr<Keel::TimerWheel> wheel = Keel::timerWheelFactory(clock);
@@ -25,7 +26,7 @@ struct IOSmAgent {
   ~IOSmAgent() { counters->unlink(); }
 
   Loom::Ptr<IOSm> sm(bool withManager = true) {
-    return iOSmFactory(withManager ? manager : nullptr, counters, status, config, IpGen::intfStatusFactory(), acl,
+    return iOSmFactory(withManager ? manager : nullptr, counters, status, config, ipStatus, acl,
                        devices, Interface::allIntfStatusDirFactory(), pimAttrLogSmFactory(), timer, boundary);
   }
   // Moves the clock to `t` and fires what is due.
