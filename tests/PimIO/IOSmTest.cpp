@@ -31,7 +31,8 @@ TEST(IOSm, ConstructionOrderAndDefaults) {
   Loom::TraceCapture cap(8);
   auto sm = a.sm();
   EXPECT_EQ(entries(cap), (Lines{"<Vrf:blue> handleTxError", "<Vrf:blue> handleTxSuccess", "<Vrf:blue> rxPkt",
-                                 "<Vrf:blue> txPkt", "<Vrf:blue> handleUnresolvedPackets", "<Vrf:blue> handlePamFilter",
+                                 "<Vrf:blue> txPkt", "<Vrf:blue> TX: Error - No Message",
+                                 "<Vrf:blue> handleUnresolvedPackets", "<Vrf:blue> handlePamFilter",
                                  "<Vrf:blue> handleInitialized", "<Vrf:blue> Enabling Pam Pim4",
                                  "<Vrf:blue> handleInterface"}));
   EXPECT_TRUE(sm->initialized() && sm->hasNotificationActive());
@@ -62,12 +63,12 @@ TEST(IOSm, ReactorsAndTheirCatchUp) {
     Lines reached;
   } steps[] = {
       {"a manager given later", [&] { sm->pimPamManagerIs(a.manager); },
-       {"handleTxError", "handleTxSuccess", "rxPkt", "txPkt"}},
+       {"handleTxError", "handleTxSuccess", "rxPkt", "txPkt", "TX: Error - No Message"}},
       {"the same manager again", [&] { sm->pimPamManagerIs(a.manager); }, {}},
       {"a new socket", [&] { a.manager->pamIs(a.manager->pam4Is("Other", 103, "").ptr()); },
        {"handleTxError", "handleTxSuccess", "rxPkt"}},
       {"a receive slot", [&] { a.manager->rxMessageInfoIs(0, messageInfoFactory()); }, {"handlePamFilter"}},
-      {"a message to send", [&] { a.manager->txMessageInfo()->countInc(); }, {"txPkt"}},
+      {"a message to send", [&] { a.manager->txMessageInfo()->countInc(); }, {"txPkt", "TX: Error - No Message"}},
       {"an interface comes", [&] { a.status->pimIntfIs(Knet::IntfId("eth2")); }, {"handlePimInterface eth2"}},
       {"a neighbor becomes active", [&] { a.status->pimIntf(Knet::IntfId("eth2"))->neighborIs(*Knet::IpGenAddr::parse("10.0.0.9"), true); },
        {"handleNewNeighbor eth2 10.0.0.9", "No unresolved packets for neighbor 10.0.0.9"}},
