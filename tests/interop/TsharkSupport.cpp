@@ -22,6 +22,27 @@ std::vector<Json> occurrences(const Json& j) {
   return {j};
 }
 
+std::string values(const Json& j, const std::string& key) {
+  std::string out;
+  auto add = [&](const std::string& v) { out += (out.empty() ? "" : " ") + v; };
+  if (j.is_object()) {
+    for (auto it = j.begin(); it != j.end(); ++it) {
+      for (const Json& v : it.key() == key ? occurrences(it.value()) : std::vector<Json>{}) {
+        if (!v.is_structured()) add(v.is_string() ? v.get<std::string>() : v.dump());
+      }
+      if (it.key() == key + "_tree") continue;  // tshark repeats the field in its tree
+      if (const std::string inner = values(it.value(), key); !inner.empty()) add(inner);
+    }
+  } else if (j.is_array()) {
+    for (const Json& e : j) {
+      if (const std::string inner = values(e, key); !inner.empty()) add(inner);
+    }
+  }
+  return out;
+}
+
+std::string first(const Json& j, const std::string& key) { return values(j, key).substr(0, values(j, key).find(' ')); }
+
 void Dissection::remove() {
   if (!dir.empty()) std::filesystem::remove_all(dir);
   dir.clear();

@@ -19,6 +19,10 @@ const Json& child(const Json& j, const std::string& key);
 // With --no-duplicate-keys a field that occurs once is a value and one that repeats an array.
 std::vector<Json> occurrences(const Json& j);
 
+// Every value of a field anywhere under `j`, in tshark's order, separated by blanks; the first.
+std::string values(const Json& j, const std::string& key);
+std::string first(const Json& j, const std::string& key);
+
 // One run of tshark over a capture of the frames, in a temporary directory of its own.
 struct Dissection {
   std::string dir;    // removed by remove()

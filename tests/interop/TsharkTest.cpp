@@ -29,26 +29,6 @@ using Bytes = std::vector<U8>;
 
 IpGenAddr addr(const std::string& text) { return IpGenAddr::parse(text).value(); }
 
-// Every value of a field anywhere under `j`, in tshark's order, separated by blanks.
-std::string values(const Json& j, const std::string& key) {
-  std::string out;
-  auto add = [&](const std::string& v) { out += (out.empty() ? "" : " ") + v; };
-  if (j.is_object()) {
-    for (auto it = j.begin(); it != j.end(); ++it) {
-      for (const Json& v : it.key() == key ? occurrences(it.value()) : std::vector<Json>{}) {
-        if (!v.is_structured()) add(v.is_string() ? v.get<std::string>() : v.dump());
-      }
-      if (it.key() == key + "_tree") continue;  // tshark repeats the field in its tree
-      if (const std::string inner = values(it.value(), key); !inner.empty()) add(inner);
-    }
-  } else if (j.is_array()) {
-    for (const Json& e : j) {
-      if (const std::string inner = values(e, key); !inner.empty()) add(inner);
-    }
-  }
-  return out;
-}
-std::string first(const Json& j, const std::string& key) { return values(j, key).substr(0, values(j, key).find(' ')); }
 std::string hex(U32 v, int digits) {
   char buf[16];
   std::snprintf(buf, sizeof(buf), "0x%0*x", digits, v);

@@ -1,6 +1,13 @@
 #include "support/Netns.h"
 
+#include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/socket.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -113,5 +120,42 @@ Knet::IpGenAddr NetnsLab::addrB(Knet::AddressFamily af) const {
 }
 Knet::IpGenAddr NetnsLab::linkLocalA() { return parsed("fe80::a"); }
 Knet::IpGenAddr NetnsLab::linkLocalB() { return parsed("fe80::b"); }
+
+int NetnsLab::packetSocket(const std::string& ns, U32 ifIndex) {
+  const int home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  const int target = ::open(("/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = -1;
+  if (home >= 0 && target >= 0 && ::setns(target, CLONE_NEWNET) == 0) {
+    fd = ::socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(ETH_P_ALL));
+    sockaddr_ll at{};
+    at.sll_family = AF_PACKET;
+    at.sll_protocol = htons(ETH_P_ALL);
+    at.sll_ifindex = static_cast<int>(ifIndex);
+    if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof(at)) < 0) {
+      ::close(fd);
+      fd = -1;
+    }
+    if (::setns(home, CLONE_NEWNET) < 0) std::abort();  // the test thread must not stay in the lab
+  }
+  if (home >= 0) ::close(home);
+  if (target >= 0) ::close(target);
+  return fd;
+}
+
+std::vector<std::vector<U8>> NetnsLab::pimPackets(int fd, size_t count, double seconds) {
+  std::vector<std::vector<U8>> out;
+  for (int waited = 0; out.size() < count && waited < seconds * 1000; waited += 10) {
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, 10) <= 0) continue;
+    std::vector<U8> buf(65536);
+    ssize_t n;
+    while ((n = ::recv(fd, buf.data(), buf.size(), 0)) > 0) {
+      const bool v4 = (buf[0] >> 4) == 4 && n >= 20 && buf[9] == 103;
+      const bool v6 = (buf[0] >> 4) == 6 && n >= 40 && buf[6] == 103;
+      if (v4 || v6) out.emplace_back(buf.begin(), buf.begin() + n);
+    }
+  }
+  return out;
+}
 
 }  // namespace PimTest

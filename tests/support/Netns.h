@@ -6,6 +6,7 @@
 // under `timeout`; the namespaces, and the veth with them, are deleted by the destructor, and
 // namespaces that a crashed test process left behind are deleted by the next lab.
 #include <string>
+#include <vector>
 
 #include "knet/Address.h"
 
@@ -36,6 +37,13 @@ class NetnsLab {
   Knet::IpGenAddr addrB(Knet::AddressFamily af) const;
   static Knet::IpGenAddr linkLocalA();
   static Knet::IpGenAddr linkLocalB();
+
+  // A non-blocking packet socket in namespace `ns` that sees every IP packet on interface
+  // `ifIndex` from its IP header on (what went on the wire); -1 on failure.
+  static int packetSocket(const std::string& ns, U32 ifIndex);
+  // The IPv4 and IPv6 packets of protocol 103 that the packet socket reads until `count` are
+  // there or `seconds` have passed.
+  static std::vector<std::vector<U8>> pimPackets(int fd, size_t count, double seconds = 1.0);
 
  private:
   bool run(const std::string& command);
