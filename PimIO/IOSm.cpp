@@ -273,8 +273,11 @@ Cask::MessageCounters::Count countOf(MessageCounterDirection dir, MessageCounter
 
 }  // namespace
 
+// Consecutive counts are mostly for one interface: the last one found is tried first.
 IOSm::IntfCounters& IOSm::intfCounters(const Knet::IntfId& intfId) {
-  return intfCounters_.try_emplace(intfId, intfId).first->second;
+  if (lastIntfCounters_ && lastIntfCounters_->intfId() == intfId) return *lastIntfCounters_;
+  lastIntfCounters_ = &intfCounters_.try_emplace(intfId, intfId).first->second;
+  return *lastIntfCounters_;
 }
 
 // One entry: its handle when cached, else found (or made) once and kept; subtypes beyond the
@@ -324,9 +327,8 @@ void IOSm::incCounter(MessageCounterDirection dir, MessageCounterType ct,
 
 // ---- Initialisation and the handlers
 
-void IOSm::trace(int level, const std::string& text) const {
-  LOOM_TRACE(pimIoTrace, level, "<Vrf:" << vrfName() << "> " << text);
-}
+void IOSm::trace(int level, const char* text) const { PIMIO_TRACE(level, text); }
+void IOSm::trace(int level, const std::string& text) const { PIMIO_TRACE(level, text); }
 
 void IOSm::handleInitialized() {
   trace(8, "handleInitialized");

@@ -227,6 +227,7 @@ class IOSm : public Loom::Entity {
   void reactorIs(std::unique_ptr<R>& reactor, const Loom::Ptr<E>& watched, bool catchUp);
   void loom_PamInIs(Knet::IpPam* pam);
   void loom_TxMessageInfoInIs(const Loom::Ptr<MessageInfo>& info);
+  void trace(int level, const char* text) const;
   void trace(int level, const std::string& text) const;
   // A new message of the class of `type` (and DF election `subtype`) with the packet's addresses,
   // read at the context's offset (with `boundary` for Join/Prune): bytes read, 0 on failure.
@@ -269,7 +270,8 @@ class IOSm : public Loom::Entity {
   bool initialized_ = false;
   bool active_ = false;
   IntfCounters totalCounters_;
-  std::unordered_map<Knet::IntfId, IntfCounters> intfCounters_;
+  std::unordered_map<Knet::IntfId, IntfCounters> intfCounters_;  // nodes stay put: handles are kept
+  IntfCounters* lastIntfCounters_ = nullptr;
   std::unique_ptr<LoomPimPamManager> loomPimPamManager_;
   std::unique_ptr<LoomPimStatus> loomPimStatus_;
   std::unique_ptr<LoomKernelIntfStatusDir> loomKernelIntfStatusDir_;

@@ -408,6 +408,29 @@ class Packer {
   void packRptPrunes(JoinPruneGroupData& group, const Knet::IpGenAddr* from, Counts& counts);
   Packed packSource(JoinPruneGroupData& group, Collection c, const Knet::IpGenAddr& s, Counts& counts);
   Packed writeEntry(JoinPruneGroupData& group, Collection c, bool join, const Knet::IpGenAddr& s, Counts& counts);
+  // Writes unicast sources of `Width` address bytes from `it` while they are of the message's
+  // family and fit; moves `it` past them and returns how many.
+  template <U32 Width, class It>
+  U32 packHostSources(It& it, It end, U8 flags) {
+    U32 n = 0;
+    const U32 fit = static_cast<U32>(w_.remaining() / (4 + Width));
+    const U8 afByte = static_cast<U8>(family_);
+    U8* p = w_.data() + w_.offset();
+    for (; it != end && n < fit; ++it, ++n, p += 4 + Width) {
+      const Knet::IpGenAddr& a = *it;
+      if (a.af() != family_ || a.isMulticast()) break;
+      p[0] = afByte;
+      p[1] = defaultEncoding;
+      p[2] = flags;
+      p[3] = 8 * Width;
+      std::memcpy(p + 4, a.bytes(), Width);
+    }
+    if (n) {
+      w_.skip(n * (4 + Width));
+      sources_ += n;
+    }
+    return n;
+  }
   void filteredForFamily(const Knet::IpGenAddr& a);
   void bookmarkAt(const Knet::IpGenAddr& group, Collection c, bool join, const Knet::IpGenAddr& source);
 
@@ -590,6 +613,18 @@ void Packer::packSourceSet(JoinPruneGroupData& group, Collection c, const Knet::
   auto it = from ? set.lowerBound(*from) : set.begin();
   const auto first = it;
   U32 written = 0;
+  // The common case in a loop of its own: (S,G) joins of the message's family, none suppressed,
+  // with room for them and no per-entry tracing. Whatever it cannot write, the general walk below
+  // takes up where it stopped.
+  if (c == joined && (!periodic_ || group.joinSuppressSource().empty()) && !traceUnit().enabled(tracePacking)) {
+    const U8 flags = collectionInfo[c].flags;
+    if (family_ == Knet::AddressFamily::ipv4) {
+      written = packHostSources<4>(it, set.end(), flags);
+    } else if (family_ == Knet::AddressFamily::ipv6) {
+      written = packHostSources<16>(it, set.end(), flags);
+    }
+    counts.joined += written;
+  }
   for (; it != set.end(); ++it) {
     const Packed r = packSource(group, c, *it, counts);
     if (r == Packed::full) break;

@@ -86,7 +86,7 @@ void BM_StateMachineTx(benchmark::State& state) {
 
 // The same bytes as the machine sends, by hand: encoded once, then sendto on a raw socket of the
 // same kind with the same options, out of the same interface.
-void BM_BareSendto(benchmark::State& state) {
+void BM_BareSendtoSameBytes(benchmark::State& state) {
   Agent a;
   auto m = message(int(state.range(0)));
   const Knet::IpGenAddr src = lab().addrA(AddressFamily::ipv4), dst = Knet::allPimRouters(AddressFamily::ipv4);
@@ -112,7 +112,7 @@ void BM_BareSendto(benchmark::State& state) {
 }
 
 BENCHMARK(BM_StateMachineTx)->Arg(0)->Arg(1);
-BENCHMARK(BM_BareSendto)->Arg(0)->Arg(1);
+BENCHMARK(BM_BareSendtoSameBytes)->Arg(0)->Arg(1);
 
 }  // namespace
 

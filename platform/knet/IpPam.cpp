@@ -118,6 +118,7 @@ void IpPam::closeFd() {
   if (fd_ < 0) return;
   ::close(fd_);
   fd_ = -1;
+  mcIfIndex_ = ~0u;  // a new socket starts without multicast options
   filterAttached_ = false;
 }
 
@@ -389,6 +390,20 @@ size_t IpPam::rxPktBatch(std::vector<RxPkt>& out, size_t max) {
   return out.size();
 }
 
+bool IpPam::multicastIfIs(U32 ifIndex, const IpGenAddr& src) {
+  if (ifIndex == mcIfIndex_ && src == mcSrc_) return true;
+  ip_mreqn m{};
+  if (src.af() == AddressFamily::ipv4) std::memcpy(&m.imr_address, src.bytes(), 4);
+  m.imr_ifindex = int(ifIndex);
+  if (::setsockopt(fd_, IPPROTO_IP, IP_MULTICAST_IF, &m, sizeof(m)) < 0) {
+    mcIfIndex_ = ~0u;
+    return false;
+  }
+  mcIfIndex_ = ifIndex;
+  mcSrc_ = src;
+  return true;
+}
+
 bool IpPam::txPkt(const Pkt& pkt, const TxParams& p) {
   if (p.dst.af() != af_) {
     lastErrno_ = EAFNOSUPPORT;
@@ -410,10 +425,15 @@ bool IpPam::txPkt(const Pkt& pkt, const TxParams& p) {
   cmsghdr* c = nullptr;
   const bool full = flags_ & flagHeaderIncluded;
   if (isV4(af_)) {
-    in_pktinfo pi{};
-    pi.ipi_ifindex = int(p.ifIndex);
-    if (!full && p.src.af() == AddressFamily::ipv4) std::memcpy(&pi.ipi_spec_dst, p.src.bytes(), 4);
-    std::memcpy(cmsgAdd(m, c, IPPROTO_IP, IP_PKTINFO, sizeof(pi)), &pi, sizeof(pi));
+    // To a group, the interface and source are the socket's multicast options, set when they
+    // change: the kernel then routes the packet without the per-packet lookup that packet info
+    // costs. Anything else names them in packet info.
+    if (!p.dst.isMulticast() || !multicastIfIs(p.ifIndex, full ? IpGenAddr() : p.src)) {
+      in_pktinfo pi{};
+      pi.ipi_ifindex = int(p.ifIndex);
+      if (!full && p.src.af() == AddressFamily::ipv4) std::memcpy(&pi.ipi_spec_dst, p.src.bytes(), 4);
+      std::memcpy(cmsgAdd(m, c, IPPROTO_IP, IP_PKTINFO, sizeof(pi)), &pi, sizeof(pi));
+    }
     if (!full && p.ttl != defaultTxTtl) cmsgAddInt(m, c, IPPROTO_IP, IP_TTL, p.ttl);
     if (!full && p.tos != defaultTxTos) cmsgAddInt(m, c, IPPROTO_IP, IP_TOS, p.tos);
   } else {
@@ -424,8 +444,15 @@ bool IpPam::txPkt(const Pkt& pkt, const TxParams& p) {
     if (!full && p.ttl != defaultTxTtl) cmsgAddInt(m, c, IPPROTO_IPV6, IPV6_HOPLIMIT, p.ttl);
     if (!full && p.tos != defaultTxTos) cmsgAddInt(m, c, IPPROTO_IPV6, IPV6_TCLASS, p.tos);
   }
-  m.msg_controllen = reinterpret_cast<U8*>(c) + CMSG_SPACE(c->cmsg_len - CMSG_LEN(0)) - control;
-  if (::sendmsg(fd_, &m, 0) < 0) {
+  // Without ancillary data a plain sendto does: the kernel then skips copying in a message header.
+  ssize_t sent;
+  if (c) {
+    m.msg_controllen = reinterpret_cast<U8*>(c) + CMSG_SPACE(c->cmsg_len - CMSG_LEN(0)) - control;
+    sent = ::sendmsg(fd_, &m, 0);
+  } else {
+    sent = ::sendto(fd_, pkt.data(), pkt.size(), 0, reinterpret_cast<sockaddr*>(&to), m.msg_namelen);
+  }
+  if (sent < 0) {
     failed(txErrors_, "sendmsg");
     notifiees_.notify(&Notifiee::onTxErrors);
     return false;

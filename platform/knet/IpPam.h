@@ -183,6 +183,11 @@ class IpPam : public Loom::Entity {
   U32 flags_;
   U32 priority_ = 0;
   int fd_ = -1;
+  // IPv4: the socket's multicast interface and source (IP_MULTICAST_IF) as last set; false when
+  // the kernel refused them.
+  bool multicastIfIs(U32 ifIndex, const IpGenAddr& src);
+  U32 mcIfIndex_ = ~0u;
+  IpGenAddr mcSrc_;
   U32 maxRxPktData_ = 65535;
   U32 readable_ = 0;
   U32 rxPkts_ = 0;
