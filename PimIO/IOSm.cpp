@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "loom/Assert.h"
 #include "loom/Trace.h"
 
 namespace Routing::Pim::IO {
@@ -254,6 +255,7 @@ void IOSm::loom_TxMessageInfoInIs(const Loom::Ptr<MessageInfo>& info) {
 }
 
 void IOSm::pimIntfIs(const Loom::Ptr<const Pim::Intf>& intf) {
+  LOOM_ASSERT(intf, "null _pimIntf parameter to mutator for Routing::Pim::IO::IOSm::pimIntf not allowed");
   auto& sm = pimIntf_[intf->intfId()];
   if (sm && sm->notifier() == intf) return;
   sm = std::make_unique<PimIntfSm>(this, intf);
@@ -367,21 +369,6 @@ void IOSm::rxPkt() { trace(8, "rxPkt"); }
 void IOSm::txPkt() { trace(8, "txPkt"); }
 void IOSm::handleTxSuccess() { trace(8, "handleTxSuccess"); }
 void IOSm::handleTxError() { trace(8, "handleTxError"); }
-// Rebuilds the kernel filter program from the receive slots.
-void IOSm::handlePamFilter() { trace(8, "handlePamFilter"); }
-// Follows a PIM interface that came or went (membership of ALL-PIM-ROUTERS).
-void IOSm::handlePimInterface(const Knet::IntfId& id) {
-  std::ostringstream os;
-  os << "handlePimInterface " << id;
-  trace(8, os.str());
-}
-void IOSm::handleInterface() { trace(8, "handleInterface"); }
-// Follows an interface's device: its kernel index, its readiness.
-void IOSm::handleInterface(const Knet::IntfId& id) {
-  std::ostringstream os;
-  os << "handleInterface " << id;
-  trace(8, os.str());
-}
 // Reviews the unresolved-packet queues: purges what waited through two reviews.
 void IOSm::handleUnresolvedPackets() { trace(8, "handleUnresolvedPackets"); }
 
