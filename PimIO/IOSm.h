@@ -166,8 +166,6 @@ class IOSm : public Loom::Entity {
   U32 membershipErrors_ = 0;
   U32 membershipLimitRaises_ = 0;
 
- public:
-
  private:
   friend Loom::Ptr<IOSm> IOSmIs(Loom::Ptr<PamManager>, Loom::Ptr<Cask::MessageCounters>, Loom::Ptr<const Status>,
                                 Loom::Ptr<const ConfigColl>, Loom::Ptr<const IpGen::IntfStatus>,
