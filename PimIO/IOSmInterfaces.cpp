@@ -178,9 +178,9 @@ void IOSm::handlePimInterface(const Knet::IntfId& id) {
 void IOSm::doMaybeUpdatePimRoutersMembership(const Knet::IntfId& id, U32 ifIndex) {
   trace(8, "doMaybeUpdatePimRoutersMembership");
   const bool pim = pimStatus_ && pimStatus_->pimIntf(id);
-  const Interface::IntfStatusAndDeviceName& status =
-      kernelIntfStatusDir_ ? kernelIntfStatusDir_->intfStatusAndDeviceName(id)
-                           : Interface::IntfStatusAndDeviceName::empty();
+  const Interface::IntfStatusAndDeviceName& status = kernelIntfStatusDir_
+                                                         ? kernelIntfStatusDir_->intfStatusAndDeviceName(id)
+                                                         : Interface::IntfStatusAndDeviceName::empty();
   if (pim && !status.isEmpty()) {
     addPimRoutersMembership(id, status.ifIndex);
   } else {

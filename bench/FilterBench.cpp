@@ -83,8 +83,9 @@ struct Receiver {
 // Namespace A sends `burst` Asserts and one Hello to B's address with one sendmmsg.
 class Flood {
  public:
-  explicit Flood(AddressFamily af) : sender_(af == AddressFamily::ipv4 ? static_cast<IpPam*>(new IpSocketPam("flood", 103, lab().nsA()))
-                                                                       : static_cast<IpPam*>(new Ip6SocketPam("flood", 103, lab().nsA()))) {
+  explicit Flood(AddressFamily af)
+      : sender_(af == AddressFamily::ipv4 ? static_cast<IpPam*>(new IpSocketPam("flood", 103, lab().nsA()))
+                                          : static_cast<IpPam*>(new Ip6SocketPam("flood", 103, lab().nsA()))) {
     sender_->enabledIs(true);
     std::memset(&to_, 0, sizeof(to_));
     const IpGenAddr dst = lab().addrB(af);
@@ -105,10 +106,8 @@ class Flood {
     iov_.resize(burst + 1, iovec{assert_.data(), assert_.size()});
     iov_[burst] = iovec{hello_.data(), hello_.size()};
     msgs_.resize(burst + 1);
-    for (size_t i = 0; i <= burst; ++i) {
-      msgs_[i].msg_hdr = msghdr{&to_, af == AddressFamily::ipv4 ? socklen_t(sizeof(sockaddr_in)) : socklen_t(sizeof(sockaddr_in6)),
-                                &iov_[i], 1, nullptr, 0, 0};
-    }
+    const socklen_t len = af == AddressFamily::ipv4 ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    for (size_t i = 0; i <= burst; ++i) msgs_[i].msg_hdr = msghdr{&to_, len, &iov_[i], 1, nullptr, 0, 0};
   }
   bool send() { return ::sendmmsg(sender_->fd(), msgs_.data(), unsigned(msgs_.size()), 0) == int(msgs_.size()); }
 

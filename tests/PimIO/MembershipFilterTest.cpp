@@ -38,7 +38,8 @@ std::string run(const std::string& command) {
 // The devices of the namespace on which some socket holds ALL-PIM-ROUTERS, as the kernel lists them.
 Names kernelMembers(const std::string& ns, AddressFamily af) {
   Names out;
-  std::istringstream in(run("ip netns exec " + ns + " cat /proc/net/" + (af == AddressFamily::ipv4 ? "igmp" : "igmp6")));
+  const char* file = af == AddressFamily::ipv4 ? "/proc/net/igmp" : "/proc/net/igmp6";
+  std::istringstream in(run("ip netns exec " + ns + " cat " + file));
   std::string line, device;
   while (std::getline(in, line)) {
     std::istringstream f(line);
@@ -90,7 +91,8 @@ const char* familyName(AddressFamily af) { return af == AddressFamily::ipv4 ? "I
 
 constexpr Knet::IpFilter stmt(U16 code, U32 k) { return {code, 0, 0, k}; }
 constexpr Knet::IpFilter jeq(U32 k, U8 jt, U8 jf) { return {0x15, jt, jf, k}; }
-const Program prologue4 = {stmt(0x30, 0), stmt(0x54, 0x0f), stmt(0x64, 2), stmt(0x07, 0), stmt(0x50, 0), stmt(0x54, 0x0f)};
+const Program prologue4 = {stmt(0x30, 0), stmt(0x54, 0x0f), stmt(0x64, 2),
+                           stmt(0x07, 0), stmt(0x50, 0),    stmt(0x54, 0x0f)};
 const Program prologue6 = {stmt(0x30, 0), stmt(0x54, 0x0f)};
 const Program returns = {stmt(0x06, 0x0fffffff), stmt(0x06, 0)};
 
@@ -160,14 +162,16 @@ struct Step {
 TEST(MembershipFilter, MembershipFollowsPimAndDevices) {
   PIMIO_NETNS_LAB(lab);
   run("ip -n " + lab.nsA() + " link add d0 type veth peer name d0p");
-  const U32 d0 = std::strtoul(run("ip netns exec " + lab.nsA() + " cat /sys/class/net/d0/ifindex").c_str(), nullptr, 10);
+  const std::string d0Index = run("ip netns exec " + lab.nsA() + " cat /sys/class/net/d0/ifindex");
+  const U32 d0 = std::strtoul(d0Index.c_str(), nullptr, 10);
   ASSERT_GT(d0, 0u) << "no device d0";
   const IntfId pa("pa"), ghost("ghost"), dummy("d0"), other("other");
   constexpr U8 any = Cask::CounterKey::anySubtype;
   for (const AddressFamily af : {AddressFamily::ipv4, AddressFamily::ipv6}) {
     SCOPED_TRACE(familyName(af));
-    const std::string addFailed = std::string(af == AddressFamily::ipv4 ? "Add ALL-PIM-ROUTERS" : "Add ALL-PIMV6-ROUTERS") +
-                                  " Group Membership - Failed - Error: 19( Device is not ready yet ) IntfId: ";
+    const std::string addFailed =
+        std::string(af == AddressFamily::ipv4 ? "Add ALL-PIM-ROUTERS" : "Add ALL-PIMV6-ROUTERS") +
+        " Group Membership - Failed - Error: 19( Device is not ready yet ) IntfId: ";
     Agent a(af, lab.nsA());
     a.status->pimIntfIs(pa);
     a.devices->intfStatusAndDeviceNameIs(pa, {lab.ifIndexA(), "pa"});
@@ -194,7 +198,8 @@ TEST(MembershipFilter, MembershipFollowsPimAndDevices) {
          {}, {"Group Membership"}, [&] { tablesHold(false); }},
         {"device back: no second join", [&] { a.devices->intfStatusAndDeviceNameIs(pa, {lab.ifIndexA(), "pa"}); },
          {"pa"}, {"pa"}, {}, {"Group Membership"}, [&] { tablesHold(true); }},
-        {"PIM disabled: drop, its 16 counters go", [&] { a.status->pimIntfDel(pa); }, {}, {}, {"Drop ALL-PIM"}, {"Failed"},
+        {"PIM disabled: drop, its 16 counters go", [&] { a.status->pimIntfDel(pa); }, {}, {}, {"Drop ALL-PIM"},
+         {"Failed"},
          [&] {
            for (U8 t = 0; t < 16; ++t) {
              EXPECT_EQ(a.counters->msgCounter({pa, t, any}).rxInvalid, 0u) << int(t);
