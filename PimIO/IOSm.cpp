@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "loom/Assert.h"
 #include "loom/Trace.h"
 
 namespace Routing::Pim::IO {
@@ -234,6 +235,7 @@ void IOSm::loom_TxMessageInfoInIs(const Loom::Ptr<MessageInfo>& info) {
 }
 
 void IOSm::pimIntfIs(const Loom::Ptr<const Pim::Intf>& intf) {
+  LOOM_ASSERT(intf, "null _pimIntf parameter to mutator for Routing::Pim::IO::IOSm::pimIntf not allowed");
   auto& sm = pimIntf_[intf->intfId()];
   if (sm && sm->notifier() == intf) return;
   sm = std::make_unique<PimIntfSm>(this, intf);
@@ -343,20 +345,5 @@ void IOSm::handleInitialized() {
   initialized_ = true;
 }
 
-// Rebuilds the kernel filter program from the receive slots.
-void IOSm::handlePamFilter() { trace(8, "handlePamFilter"); }
-// Follows a PIM interface that came or went (membership of ALL-PIM-ROUTERS).
-void IOSm::handlePimInterface(const Knet::IntfId& id) {
-  std::ostringstream os;
-  os << "handlePimInterface " << id;
-  trace(8, os.str());
-}
-void IOSm::handleInterface() { trace(8, "handleInterface"); }
-// Follows an interface's device: its kernel index, its readiness.
-void IOSm::handleInterface(const Knet::IntfId& id) {
-  std::ostringstream os;
-  os << "handleInterface " << id;
-  trace(8, os.str());
-}
 
 }  // namespace Routing::Pim::IO

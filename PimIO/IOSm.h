@@ -210,6 +210,22 @@ class IOSm : public Loom::Entity {
   void handleInterface();
   void handleInterface(const Knet::IntfId& id);
   void handleUnresolvedPackets();
+  // ALL-PIM-ROUTERS membership on the PIM interfaces whose device exists (IOSmInterfaces.cpp).
+  void doMaybeUpdatePimRoutersMembership(const Knet::IntfId& id, U32 ifIndex);
+  void addPimRoutersMembership(const Knet::IntfId& id, U32 ifIndex);
+  void dropPimRoutersMembership(const Knet::IntfId& id, U32 ifIndex);
+  void allPimRoutersMemberIs(const Knet::IntfId& id) { allPimRoutersMember_.insert(id); }
+  void allPimRoutersMemberDel(const Knet::IntfId& id) { allPimRoutersMember_.erase(id); }
+  void allPimRoutersMemberDelAll() { allPimRoutersMember_.clear(); }
+  // Join and drop requests that the kernel refused (the device not being ready included), and
+  // the times the namespace's IPv4 membership limit was raised to let a join through.
+  U32 membershipErrors() const { return membershipErrors_; }
+  U32 membershipLimitRaises() const { return membershipLimitRaises_; }
+
+ private:
+  bool doSetMembership(bool join, U32 ifIndex, int& error);
+  U32 membershipErrors_ = 0;
+  U32 membershipLimitRaises_ = 0;
 
  private:
   friend Loom::Ptr<IOSm> IOSmIs(Loom::Ptr<PamManager>, Loom::Ptr<Cask::MessageCounters>, Loom::Ptr<const Status>,

@@ -119,6 +119,33 @@ void PamManager::transparentIpIs(bool v) {
 
 void PamManager::bpfLenIs(U32 v) { notifiees_.change(bpfLen_, v, &Notifiee::onBpfLen); }
 
+// The socket runs without a filter from here until doApplyFilter. The instructions of the last
+// program go too, so that a shorter program does not inherit the tail of a longer one.
+void PamManager::doResetFilter() {
+  if (pam_) {
+    pam_->flagsIs(pam_->flags() & ~Knet::IpPam::flagFilter);
+    pam_->rxFilterDelAll();
+  }
+  bpfLenIs(0);
+}
+
+void PamManager::doAddFilterStmt(U16 code, U32 k) {
+  LOOM_TRACE(pimPamTrace, 8, std::hex << "( code=" << code << ", k=" << k);
+  if (pam_) pam_->rxFilterIs(bpfLen_, Knet::IpFilter{code, 0, 0, k});
+  bpfLenInc(1);
+}
+
+void PamManager::doAddFilterJmp(U16 code, U32 k, U8 jt, U8 jf) {
+  LOOM_TRACE(pimPamTrace, 8, std::hex << "( code=" << code << std::dec << ", jump " << unsigned(jt)
+                                      << " statements if true else jump " << unsigned(jf) << " statements");
+  if (pam_) pam_->rxFilterIs(bpfLen_, Knet::IpFilter{code, jt, jf, k});
+  bpfLenInc(1);
+}
+
+void PamManager::doApplyFilter() {
+  if (pam_) pam_->flagsIs(pam_->flags() | Knet::IpPam::flagFilter);
+}
+
 Loom::Ptr<Intf> PamManager::intf(const Knet::IntfId& id) const {
   const auto it = intf_.find(id);
   return it == intf_.end() ? nullptr : it->second;

@@ -110,6 +110,13 @@ class PamManager : public Loom::Entity {
   U32 bpfLen() const { return bpfLen_; }
   void bpfLenIs(U32 v);
   void bpfLenInc(U32 n) { bpfLenIs(bpfLen_ + n); }
+  // The kernel filter program of the socket in use, one instruction at a time: switched off and
+  // emptied, an instruction added at index bpfLen (a statement has no jumps), and switched on with
+  // the bpfLen instructions written.
+  void doResetFilter();
+  void doAddFilterStmt(U16 code, U32 k);
+  void doAddFilterJmp(U16 code, U32 k, U8 jt, U8 jf);
+  void doApplyFilter();
 
   const std::map<Knet::IntfId, Loom::Ptr<Intf>>& intf() const { return intf_; }
   Loom::Ptr<Intf> intf(const Knet::IntfId& id) const;

@@ -59,7 +59,8 @@ struct Agent {
     manager->kernelIntfIs(ifIndex)->intfIdIs(pa);
     manager->intfIs(pa)->ifIndexIs(ifIndex);
     manager->pam()->groupIs(ifIndex, Knet::allPimRouters(af));
-    for (U8 t : {0, 1, 2, 3, 4, 5, 8, 10}) manager->rxMessageInfoIs(t, messageInfoFactory());
+    // Slots for Graft (6) and type 9 too, so that the kernel filter lets them reach the checks.
+    for (U8 t : {0, 1, 2, 3, 4, 5, 6, 8, 9, 10}) manager->rxMessageInfoIs(t, messageInfoFactory());
     status->pimIntfIs(pa)->neighborIs(peer, true);
     const Knet::IpGenAddr kept = ip(f.filtered);
     auto list = acl->aclConfigIs("nbr", af == AddressFamily::ipv4 ? Acl::AclType::ipv4 : Acl::AclType::ipv6);
