@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "PimIO/IOSm.h"
-#include "support/Netns.h"
+#include "NetnsBench.h"
 
 namespace {
 
@@ -29,10 +29,7 @@ using namespace Routing::Pim;
 constexpr size_t burst = 256;  // unwanted packets per iteration
 constexpr U8 helloType = 0x20, assertType = 0x25;
 
-PimTest::NetnsLab& lab() {
-  static PimTest::NetnsLab l;
-  return l;
-}
+using PimBench::lab;
 
 double threadCpuSeconds() {
   timespec t{};
@@ -153,19 +150,4 @@ BENCHMARK(BM_FloodWhole)->ArgsProduct({{0, 1}, {0, 1}})->UseManualTime();
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  Loom::traceLevelIs("*", 0);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  if (const std::string why = PimTest::NetnsLab::unavailableReason(); !why.empty()) {
-    std::cerr << "filter_bench: skipped, it " << why << "\n";
-    return 0;
-  }
-  if (!lab().ok()) {
-    std::cerr << "filter_bench: no namespace lab: " << lab().error() << "\n";
-    return 1;
-  }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return PimBench::runNetnsBenchmarks(argc, argv, "filter_bench"); }

@@ -20,7 +20,7 @@
 
 #include "PimMessage/HelloMessage.h"
 #include "knet/IpPam.h"
-#include "support/Netns.h"
+#include "NetnsBench.h"
 
 namespace {
 
@@ -34,10 +34,7 @@ AddressFamily afOf(const benchmark::State& state) {
   return state.range(0) == 0 ? AddressFamily::ipv4 : AddressFamily::ipv6;
 }
 
-PimTest::NetnsLab& lab() {
-  static PimTest::NetnsLab l;
-  return l;
-}
+using PimBench::lab;
 
 Loom::Ptr<IpPam> pamIn(AddressFamily af, const std::string& ns, const char* name) {
   Loom::Ptr<IpPam> p = af == AddressFamily::ipv4 ? static_cast<IpPam*>(new IpSocketPam(name, pim, ns))
@@ -58,20 +55,7 @@ std::vector<U8> helloBytes(const IpGenAddr& src, const IpGenAddr& dst) {
   return std::vector<U8>(p->data(), p->data() + n);
 }
 
-socklen_t sockAddr(const IpGenAddr& a, U32 ifIndex, sockaddr_storage& out) {
-  std::memset(&out, 0, sizeof(out));
-  if (a.af() == AddressFamily::ipv4) {
-    auto* s = reinterpret_cast<sockaddr_in*>(&out);
-    s->sin_family = AF_INET;
-    std::memcpy(&s->sin_addr, a.bytes(), 4);
-    return sizeof(sockaddr_in);
-  }
-  auto* s = reinterpret_cast<sockaddr_in6*>(&out);
-  s->sin6_family = AF_INET6;
-  std::memcpy(&s->sin6_addr, a.bytes(), 16);
-  s->sin6_scope_id = a.isLinkLocal() || a.isMulticast() ? ifIndex : 0;
-  return sizeof(sockaddr_in6);
-}
+using PimBench::sockAddr;
 
 // A sends `burst` Hellos to B's unicast address with one sendmmsg; veth hands them to B's queue
 // before the call returns.
@@ -225,19 +209,4 @@ BENCHMARK(BM_BareSendto)->Arg(0)->Arg(1);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  Loom::traceLevelIs("*", 0);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  if (const std::string why = PimTest::NetnsLab::unavailableReason(); !why.empty()) {
-    std::cerr << "pam_bench: skipped, it " << why << "\n";
-    return 0;
-  }
-  if (!lab().ok()) {
-    std::cerr << "pam_bench: no namespace lab: " << lab().error() << "\n";
-    return 1;
-  }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return PimBench::runNetnsBenchmarks(argc, argv, "pam_bench"); }

@@ -30,7 +30,7 @@
 #include "PimIO/IOSm.h"
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
-#include "support/Netns.h"
+#include "NetnsBench.h"
 
 namespace Routing::Pim::IO {
 namespace {
@@ -42,10 +42,7 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t burst = 256;  // packets queued per iteration, then drained
 constexpr U32 mtu = 1500;
 
-PimTest::NetnsLab& lab() {
-  static PimTest::NetnsLab l;
-  return l;
-}
+using PimBench::lab;
 
 AddressFamily afOf(const benchmark::State& state) {
   return state.range(0) == 0 ? AddressFamily::ipv4 : AddressFamily::ipv6;
@@ -101,20 +98,7 @@ std::vector<U8> messageBytes(AddressFamily af, U32 sources) {
   return std::vector<U8>(p->data(), p->data() + n);
 }
 
-socklen_t sockAddr(const IpGenAddr& a, U32 ifIndex, sockaddr_storage& out) {
-  std::memset(&out, 0, sizeof(out));
-  if (a.af() == AddressFamily::ipv4) {
-    auto* s = reinterpret_cast<sockaddr_in*>(&out);
-    s->sin_family = AF_INET;
-    std::memcpy(&s->sin_addr, a.bytes(), 4);
-    return sizeof(sockaddr_in);
-  }
-  auto* s = reinterpret_cast<sockaddr_in6*>(&out);
-  s->sin6_family = AF_INET6;
-  std::memcpy(&s->sin6_addr, a.bytes(), 16);
-  s->sin6_scope_id = ifIndex;
-  return sizeof(sockaddr_in6);
-}
+using PimBench::sockAddr;
 
 // B sends `burst` copies of one message to ALL-PIM-ROUTERS out of its veth with sendmmsg; veth
 // hands them to A's socket queue before the call returns.
@@ -345,19 +329,4 @@ BENCHMARK(BM_RxBare)->Apply(rxArgs)->UseManualTime();
 }  // namespace
 }  // namespace Routing::Pim::IO
 
-int main(int argc, char** argv) {
-  Loom::traceLevelIs("*", 0);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  if (const std::string why = PimTest::NetnsLab::unavailableReason(); !why.empty()) {
-    std::cerr << "rx_bench: skipped, it " << why << "\n";
-    return 0;
-  }
-  if (!Routing::Pim::IO::lab().ok()) {
-    std::cerr << "rx_bench: no namespace lab: " << Routing::Pim::IO::lab().error() << "\n";
-    return 1;
-  }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return PimBench::runNetnsBenchmarks(argc, argv, "rx_bench"); }

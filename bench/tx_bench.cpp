@@ -15,17 +15,14 @@
 #include "PimMessage/HelloMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/MessageTable.h"
-#include "support/Netns.h"
+#include "NetnsBench.h"
 
 namespace {
 
 using namespace Routing::Pim;
 using Knet::AddressFamily;
 
-PimTest::NetnsLab& lab() {
-  static PimTest::NetnsLab l;
-  return l;
-}
+using PimBench::lab;
 
 const Knet::IntfId pa("pa");
 
@@ -116,19 +113,4 @@ BENCHMARK(BM_BareSendtoSameBytes)->Arg(0)->Arg(1);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  Loom::traceLevelIs("*", 0);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  if (const std::string why = PimTest::NetnsLab::unavailableReason(); !why.empty()) {
-    std::cerr << "tx_bench: skipped, it " << why << "\n";
-    return 0;
-  }
-  if (!lab().ok()) {
-    std::cerr << "tx_bench: no namespace lab: " << lab().error() << "\n";
-    return 1;
-  }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return PimBench::runNetnsBenchmarks(argc, argv, "tx_bench"); }
