@@ -137,16 +137,6 @@ TEST(MembershipFilter, ProgramFollowsTheReceiveSlots) {
   }
 }
 
-TEST(MembershipFilter, FilterPrimitivesTrace) {
-  Agent a(AddressFamily::ipv4);
-  Loom::TraceCapture cap(8);
-  a.manager->doAddFilterStmt(0x54, 0x0f);
-  a.manager->doAddFilterJmp(0x15, 3, 2, 0);
-  EXPECT_TRUE(cap.contains("( code=54, k=f")) << ::testing::PrintToString(cap.texts());
-  EXPECT_TRUE(cap.contains("( code=15, jump 2 statements if true else jump 0 statements"));
-  EXPECT_EQ(a.manager->bpfLen(), 2u);
-}
-
 // ---- Membership, step by step against the kernel's view
 
 // A step: what happens; then the ids the state machine records as joined, the devices the kernel
