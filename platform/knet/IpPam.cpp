@@ -75,12 +75,14 @@ constexpr size_t rxControlSize = CMSG_SPACE(sizeof(in6_pktinfo)) + 2 * CMSG_SPAC
 
 // The receive buffers of one batch: recvmmsg writes the packets here and rxPktBatch copies each
 // into a Pkt of its own size.
+// One receive slot per packet of a batch. Each slot's buffer is handed out with its packet and
+// taken back for the next batch when no one holds it any more (the common case: the receive path
+// keeps only what it decoded); a buffer still held is left to its holder and the slot gets a new one.
 struct IpPam::RxSlots {
-  RxSlots(size_t count, U32 dataSize)
-      : dataSize(dataSize), data(count * size_t(dataSize)), msgs(count), iov(count), names(count),
+  RxSlots(size_t count, U32 dataSize) : dataSize(dataSize), buffers(count), msgs(count), iov(count), names(count),
         control(count) {}
   U32 dataSize;
-  std::vector<U8> data;
+  std::vector<Loom::Ptr<PktBuffer>> buffers;
   std::vector<mmsghdr> msgs;
   std::vector<iovec> iov;
   std::vector<sockaddr_in6> names;
@@ -321,7 +323,9 @@ size_t IpPam::rxPktBatch(std::vector<RxPkt>& out, size_t max) {
   if (!rx_ || rx_->msgs.size() < max) rx_ = std::make_unique<RxSlots>(std::max(max, size_t(8)), maxRxPktData_);
   RxSlots& s = *rx_;
   for (size_t i = 0; i < max; ++i) {
-    s.iov[i] = {s.data.data() + i * s.dataSize, s.dataSize};
+    Loom::Ptr<PktBuffer>& b = s.buffers[i];
+    if (!b || b->references() > 1) b = new PktBuffer(s.dataSize, PktBuffer::Unzeroed());
+    s.iov[i] = {b->bytes(), s.dataSize};
     msghdr& h = s.msgs[i].msg_hdr;
     h = msghdr{};
     h.msg_name = &s.names[i];
@@ -348,15 +352,13 @@ size_t IpPam::rxPktBatch(std::vector<RxPkt>& out, size_t max) {
       LOOM_TRACE(knetTraceUnit, 1, name_ << ": received packet longer than " << s.dataSize << " bytes dropped");
       continue;
     }
-    Loom::Ptr<Pkt> pkt = PktManager::instance().pktNew(len);
-    if (!pkt) {
+    if (len > PktManager::instance().maxPktSize()) {
       ++rxErrors_;
       LOOM_TRACE(knetTraceUnit, 1, name_ << ": received packet of " << len << " bytes above the packet size limit");
       continue;
     }
-    std::memcpy(pkt->data(), s.iov[i].iov_base, len);
     RxPkt& r = out.emplace_back();
-    r.pkt = std::move(pkt);
+    r.pkt = new Pkt(s.buffers[i], 0, len);
     if (af == AddressFamily::ipv4) {
       const auto* from = reinterpret_cast<const sockaddr_in*>(&s.names[i]);
       r.src = IpGenAddr::fromBytes(AddressFamily::ipv4, reinterpret_cast<const U8*>(&from->sin_addr));

@@ -13,6 +13,10 @@ namespace Knet {
 class PktBuffer : public Loom::PtrInterface {
  public:
   explicit PktBuffer(U32 capacity) : bytes_(new U8[capacity]()), capacity_(capacity) {}
+  // Bytes left as they come, for a buffer that is written whole before it is read (a receive
+  // buffer).
+  struct Unzeroed {};
+  PktBuffer(U32 capacity, Unzeroed) : bytes_(new U8[capacity]), capacity_(capacity) {}
   U8* bytes() { return bytes_.get(); }
   const U8* bytes() const { return bytes_.get(); }
   U32 capacity() const { return capacity_; }

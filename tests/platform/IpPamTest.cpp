@@ -63,12 +63,12 @@ Loom::Ptr<IpPam> receiver(const NetnsLab& lab, AddressFamily af) {
 }
 
 // A Hello encoded by the codec for the given addresses (the IPv6 checksum covers them).
-Bytes hello(const IpGenAddr& src, const IpGenAddr& dst) {
+Bytes hello(const IpGenAddr& src, const IpGenAddr& dst, U16 holdTime = 105) {
   auto m = Routing::Pim::Packet::helloMessageFactory();
   m->srcIpIs(src);
   m->dstIpIs(dst);
   m->holdTimeOptionIs(true);
-  m->holdTimeIs(105);
+  m->holdTimeIs(holdTime);
   m->drPriorityOptionIs(true);
   m->drPriorityIs(7);
   m->generationIdOptionIs(true);
@@ -187,6 +187,11 @@ TEST(IpPam, HelloArrivesWithInterfaceAddressesTtlAndTos) {
     EXPECT_EQ(data, message);
     EXPECT_EQ(b->rxPkts(), 1u);
     EXPECT_EQ(b->rxErrors(), 0u);
+
+    // A packet still held when the next batch comes keeps its bytes.
+    ASSERT_TRUE(a->txPkt(*packet(c.kind, hello(p.src, p.dst, 7), p), p));
+    ASSERT_EQ(receiveUntil(*b, 0).size(), 1u);
+    EXPECT_EQ(Bytes(r.pkt->data() + (r.pkt->size() - message.size()), r.pkt->data() + r.pkt->size()), message);
   }
 }
 
