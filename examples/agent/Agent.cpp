@@ -178,48 +178,15 @@ Agent::~Agent() {
 }
 
 bool Agent::start(std::string& error) {
-  const bool v4 = options_.af == AddressFamily::ipv4;
   ifaddrs* list = nullptr;
   if (::getifaddrs(&list) != 0) {
     error = std::string("getifaddrs: ") + std::strerror(errno);
     return false;
   }
-  for (const std::string& name : options_.interfaces) {
-    const U32 ifIndex = ::if_nametoindex(name.c_str());
-    auto addrs = addressesOf(list, name, options_.af);
-    if (ifIndex == 0 || addrs.empty()) {
-      error = "interface " + name + (ifIndex == 0 ? ": " + std::string(std::strerror(errno)) : ": no address of the family");
-      ::freeifaddrs(list);
-      return false;
-    }
-    const Knet::IntfId id(name);
-    auto ip = ipStatus_->ipIntfIs(id);
-    ip->mtuIs(mtuOf(name));
-    // IPv4 speaks from the primary (the first) address; IPv6 from the link-local, the lowest if several.
-    Knet::IpGenAddr self = addrs.front().address();
-    if (v4) {
-      ip->primaryAddrIs(addrs.front());
-      for (size_t i = 1; i < addrs.size(); ++i) {
-        ip->secondaryAddrIs(addrs[i]);
-        secondaries_[id].push_back(addrs[i].address());
-      }
-    } else {
-      std::vector<Knet::IpGenAddr> local;
-      for (const auto& p : addrs) {
-        if (p.address().isLinkLocal()) local.push_back(p.address());
-        else if (!ip->primaryAddr(options_.af).address().isSet()) ip->primaryAddrIs(p);
-      }
-      if (local.empty()) {
-        error = "interface " + name + ": no IPv6 link-local address";
-        ::freeifaddrs(list);
-        return false;
-      }
-      self = *std::min_element(local.begin(), local.end());
-    }
-    status_->pimIntfIs(id)->addrIs(self);
-    devices_->intfStatusAndDeviceNameIs(id, {ifIndex, name});
-  }
+  bool ok = true;
+  for (const std::string& name : options_.interfaces) ok = ok && intfAdd(list, name, error);
   ::freeifaddrs(list);
+  if (!ok) return false;
 
   for (U8 type : printedTypes) {
     auto info = IO::messageInfoFactory();
@@ -231,18 +198,60 @@ bool Agent::start(std::string& error) {
                         Routing::McastBoundary::statusFactory());
   pamWatch_ = std::make_unique<IO::PamWatch>(loop_, manager_->pam());
   if (!manager_->pam()->enabled()) {
-    error = "the PIM socket did not open (errno " + std::to_string(manager_->pam()->lastErrno()) + ")";
+    error = std::string("the PIM socket did not open: ") + std::strerror(manager_->pam()->lastErrno());
     return false;
   }
   signals_ = std::make_unique<SignalWatch>(loop_);
-  for (auto fn : {&Agent::onHelloTime, &Agent::onJoinPruneTime}) {
-    timers_.push_back(std::make_unique<TimerReactor>(this, wheel_->timerNew(), fn));
-    timers_.back()->notifier()->timeMinIs(now());
-  }
+  helloTimer_ = std::make_unique<TimerReactor>(this, wheel_->timerNew(), &Agent::onHelloTime);
+  joinPruneTimer_ = std::make_unique<TimerReactor>(this, wheel_->timerNew(), &Agent::onJoinPruneTime);
+  helloTimer_->notifier()->timeMinIs(now());
+  joinPruneTimer_->notifier()->timeMinIs(now());
   if (options_.duration > 0) {
-    timers_.push_back(std::make_unique<TimerReactor>(this, wheel_->timerNew(), &Agent::stop));
-    timers_.back()->notifier()->timeMinIs(now() + options_.duration);
+    endTimer_ = std::make_unique<TimerReactor>(this, wheel_->timerNew(), &Agent::stop);
+    endTimer_->notifier()->timeMinIs(now() + options_.duration);
   }
+  return true;
+}
+
+// One PIM interface from the kernel's view of the device: its index, MTU and addresses. IPv4 speaks
+// from the primary (the first) address and lists the others in its Hellos; IPv6 speaks from the
+// link-local address, the lowest if there are several.
+bool Agent::intfAdd(const ifaddrs* list, const std::string& name, std::string& error) {
+  const U32 ifIndex = ::if_nametoindex(name.c_str());
+  const auto addrs = addressesOf(list, name, options_.af);
+  if (ifIndex == 0 || addrs.empty()) {
+    error = "interface " + name + ": " + (ifIndex == 0 ? std::strerror(errno) : "no address of the family");
+    return false;
+  }
+  const Knet::IntfId id(name);
+  auto ip = ipStatus_->ipIntfIs(id);
+  ip->mtuIs(mtuOf(name));
+  Knet::IpGenAddr self = addrs.front().address();
+  if (options_.af == AddressFamily::ipv4) {
+    ip->primaryAddrIs(addrs.front());
+    for (size_t i = 1; i < addrs.size(); ++i) {
+      ip->secondaryAddrIs(addrs[i]);
+      secondaries_[id].push_back(addrs[i].address());
+    }
+  } else {
+    std::vector<Knet::IpGenAddr> local;
+    for (const auto& p : addrs) {
+      if (p.address().isLinkLocal()) {
+        local.push_back(p.address());
+      } else if (!ip->primaryAddr(options_.af).address().isSet()) {
+        ip->primaryAddrIs(p);
+      }
+    }
+    if (local.empty()) {
+      error = "interface " + name + ": no IPv6 link-local address";
+      return false;
+    }
+    self = *std::min_element(local.begin(), local.end());
+  }
+  status_->pimIntfIs(id)->addrIs(self);
+  // The device directory is what makes the state machine fill its interface tables and join
+  // ALL-PIM-ROUTERS on the device.
+  devices_->intfStatusAndDeviceNameIs(id, {ifIndex, name});
   return true;
 }
 
@@ -255,12 +264,12 @@ void Agent::stop() { loop_->stop(); }
 
 void Agent::onHelloTime() {
   for (const auto& [id, intf] : status_->pimIntf()) helloSend(id, holdtimeOf(options_.helloInterval));
-  timers_[0]->notifier()->timeMinIs(now() + options_.helloInterval);
+  helloTimer_->notifier()->timeMinIs(now() + options_.helloInterval);
 }
 
 void Agent::onJoinPruneTime() {
   joinPruneSend();
-  timers_[1]->notifier()->timeMinIs(now() + options_.jpInterval);
+  joinPruneTimer_->notifier()->timeMinIs(now() + options_.jpInterval);
 }
 
 void Agent::helloSend(const Knet::IntfId& intf, U16 holdtime) {
@@ -336,7 +345,7 @@ void Agent::neighborIs(const Knet::IntfId& intf, const Knet::IpGenAddr& addr, U1
   // Active in the status: the state machine hands over what the neighbor sent before its Hello.
   pimIntf->neighborIs(addr, true);
   // A new upstream gets the state at once, from the loop rather than from inside the receive path.
-  if (addr == options_.upstream) timers_[1]->notifier()->timeMinIs(now());
+  if (addr == options_.upstream) joinPruneTimer_->notifier()->timeMinIs(now());
 }
 
 void Agent::neighborDel(const NeighborKey& key, const char* why) {

@@ -3,6 +3,8 @@
 // network namespace, driven by one event loop. It says Hello on its PIM interfaces, keeps a table
 // of the neighbors it hears, sends periodic Join/Prunes for configured state to one upstream
 // neighbor and prints every message it receives and every neighbor that comes or goes.
+#include <ifaddrs.h>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -53,12 +55,12 @@ class Agent {
   // A PIM neighbor heard on one interface.
   using NeighborKey = std::pair<Knet::IntfId, Knet::IpGenAddr>;
   class Neighbor;
-  const std::map<NeighborKey, std::unique_ptr<Neighbor>>& neighbor() const { return neighbor_; }
 
  private:
   class RxSlot;
   class TimerReactor;
   class SignalWatch;
+  bool intfAdd(const ifaddrs* list, const std::string& name, std::string& error);
   void onHelloTime();
   void onJoinPruneTime();
   void stop();
@@ -84,7 +86,7 @@ class Agent {
   Loom::Ptr<Routing::Pim::IO::IOSm> io_;
   std::unique_ptr<Routing::Pim::IO::PamWatch> pamWatch_;
   std::vector<std::unique_ptr<RxSlot>> rxSlots_;
-  std::vector<std::unique_ptr<TimerReactor>> timers_;  // Hello, Join/Prune, end of the run
+  std::unique_ptr<TimerReactor> helloTimer_, joinPruneTimer_, endTimer_;
   std::unique_ptr<SignalWatch> signals_;
   std::map<Knet::IntfId, std::vector<Knet::IpGenAddr>> secondaries_;  // IPv4 addresses beside the primary
   std::map<NeighborKey, std::unique_ptr<Neighbor>> neighbor_;

@@ -32,25 +32,29 @@ int main(int argc, char** argv) {
   int af = 4;
   std::vector<std::string> joins;
   std::string rp, upstream;
-  app.add_option("--af", af, "Address family: 4 or 6")->check(CLI::IsMember({4, 6}));
+  app.add_option("--af", af, "Address family: 4 or 6")->capture_default_str()->check(CLI::IsMember({4, 6}));
   app.add_option("--interface", o.interfaces, "A kernel device that is a PIM interface (repeatable)")->required();
   app.add_option("--hello-interval", o.helloInterval, "Seconds between Hellos; the holdtime is 3.5 times it")
+      ->capture_default_str()
       ->check(CLI::PositiveNumber);
   app.add_option("--join", joins, "State to join: G for (*,G) toward --rp, or G,S for (S,G) (repeatable)");
   app.add_option("--rp", rp, "The RP of the (*,G) joins");
   app.add_option("--upstream", upstream, "The neighbor that the Join/Prunes are for");
   app.add_option("--jp-interval", o.jpInterval, "Seconds between Join/Prunes; the holdtime is 3.5 times it")
+      ->capture_default_str()
       ->check(CLI::PositiveNumber);
-  app.add_option("--vrf", o.vrf, "The VRF name, which names the counter table (/dev/shm/pimio-VRF-ipv4)");
+  app.add_option("--vrf", o.vrf, "The VRF name, which names the counter table (/dev/shm/pimio-VRF-ipv4)")
+      ->capture_default_str();
   app.add_option("--duration", o.duration, "Exit after this many seconds (default: run until a signal)")
       ->check(CLI::NonNegativeNumber);
   app.add_flag("--json", o.json, "One JSON object per event instead of text lines");
   CLI11_PARSE(app, argc, argv);
 
   o.af = af == 4 ? Knet::AddressFamily::ipv4 : Knet::AddressFamily::ipv6;
+  const std::string f = std::to_string(af);
   auto address = [&](const std::string& text, const char* what) {
     const auto a = Knet::IpGenAddr::parse(text);
-    if (!a || a->af() != o.af) throw CLI::ValidationError(what, "not an IPv" + std::to_string(af) + " address: " + text);
+    if (!a || a->af() != o.af) throw CLI::ValidationError(what, "not an IPv" + f + " address: " + text);
     return *a;
   };
   try {

@@ -70,7 +70,8 @@ TEST(AgentNetns, NeighborsJoinPruneAndCounters) {
         "\"rx\".*\"joinPrune\"' " + dir + "/b.out; }; do sleep 0.1; i=$((i+1)); done\n" +
         "timeout 5 PIMIO counters --vrf " + vrfB + " --af " + f + " --json >" + dir + "/counters.json\n" +
         "kill -TERM $pa; wait $pa; echo a=$?\n" +
-        "i=0; while [ $i -lt 50 ] && ! grep -q '\"neighbor-down\"' " + dir + "/b.out; do sleep 0.1; i=$((i+1)); done\n" +
+        "i=0; while [ $i -lt 50 ] && ! grep -q '\"neighbor-down\"' " + dir + "/b.out; do sleep 0.1; i=$((i+1));" +
+        " done\n" +
         "kill -TERM $pb; wait $pb; echo b=$?\n";
     const auto run = PimioTest::sh(dir, command);
     EXPECT_EQ(run.out, "a=0\nb=0\n") << "both agents end cleanly on SIGTERM\n" << PimioTest::readFile(dir + "/a.err")
