@@ -85,6 +85,9 @@ Loom::Ptr<Message> messageFactory(Knet::PimMessageType pimMessageType);
 U64 boundedValueFromString(std::string_view text, U64 max, const char* rangeText, const char* type);
 
 std::ostream& operator<<(std::ostream& os, const Message* m);
+// The message's text on one line. A Join/Prune's text puts each group and each entry on a line of
+// its own, indented by tabs: the line breaks become " / " and the tabs go.
+std::string messageTextLine(const Message& m);
 
 // Log messages that the codec raises.
 extern Loom::LogMessage PIMBSR_CRPADV_ZONE_SET;

@@ -362,4 +362,19 @@ std::string valueToStrep(const JoinPruneMessage::Report& r) {
 
 std::ostream& operator<<(std::ostream& os, const JoinPruneMessage::Report& r) { return os << valueToStrep(r); }
 
+std::string messageTextLine(const Message& m) {
+  std::ostringstream os;  // a stream of its own: the message text may switch it to boolean words
+  os << &m;
+  std::string out;
+  std::istringstream lines(os.str());
+  for (std::string line; std::getline(lines, line);) {
+    std::erase(line, '\t');
+    if (line.find_first_not_of(' ') == std::string::npos) continue;
+    // The list's closing bracket follows the last entry with a blank, as it does a group's line.
+    if (!out.empty()) out += line.starts_with(" ]") ? "" : " / ";
+    out += line;
+  }
+  return out;
+}
+
 }  // namespace Routing::Pim::Packet

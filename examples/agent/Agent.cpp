@@ -69,22 +69,6 @@ U32 mtuOf(const std::string& name) {
   return ok ? U32(req.ifr_mtu) : IpGen::IpIntf::mtuDefault;
 }
 
-// The codec's text of a message on one line: a Join/Prune puts each group and entry on a line of
-// its own, indented by tabs; the line breaks become " / " and the tabs go, as pimio decode prints it.
-std::string oneLine(const Packet::Message& m) {
-  std::ostringstream os;
-  os << &m;
-  std::string out;
-  std::istringstream lines(os.str());
-  for (std::string line; std::getline(lines, line);) {
-    std::erase(line, '\t');
-    if (line.find_first_not_of(' ') == std::string::npos) continue;
-    if (!out.empty()) out += line.starts_with(" ]") ? "" : " / ";
-    out += line;
-  }
-  return out;
-}
-
 }  // namespace
 
 // A receive slot of one type: every message handed over is printed, Hellos also kept.
@@ -312,7 +296,7 @@ void Agent::joinPruneSend() {
 }
 
 void Agent::send(const Knet::IntfId& intf, const Loom::Ptr<Packet::Message>& m) {
-  print({"tx", intf.name(), "", m->pimMessageType().name(), oneLine(*m)});
+  print({"tx", intf.name(), "", m->pimMessageType().name(), Packet::messageTextLine(*m)});
   const auto& record = manager_->txMessageInfo();
   record->intfIdIs(intf);
   record->messageIs(m);
@@ -322,7 +306,7 @@ void Agent::send(const Knet::IntfId& intf, const Loom::Ptr<Packet::Message>& m) 
 void Agent::onReceived(const MessageInfo& info) {
   const auto& m = info.message();
   if (!m) return;
-  print({"rx", info.intfId().name(), m->srcIp().str(), m->pimMessageType().name(), oneLine(*m)});
+  print({"rx", info.intfId().name(), m->srcIp().str(), m->pimMessageType().name(), Packet::messageTextLine(*m)});
   if (const auto hello = info.helloMessage()) {
     neighborIs(info.intfId(), m->srcIp(), hello->holdTimeOption() ? hello->holdTime() : holdtimeDefault);
   }

@@ -110,29 +110,12 @@ Decoded decode(const IpPacket& ip) {
   }
 }
 
-// The message's text on one line. A Join/Prune's text puts each group and each entry on a line
-// of its own, indented by tabs: the line breaks become " / " and the tabs go.
-std::string messageText(const Message& m) {
-  std::ostringstream os;  // a stream of its own: the message text may switch it to boolean words
-  os << &m;
-  std::string out;
-  std::istringstream lines(os.str());
-  for (std::string line; std::getline(lines, line);) {
-    std::erase(line, '\t');
-    if (line.find_first_not_of(' ') == std::string::npos) continue;
-    // The list's closing bracket follows the last entry with a blank, as it does a group's line.
-    if (!out.empty()) out += line.starts_with(" ]") ? "" : " / ";
-    out += line;
-  }
-  return out;
-}
-
 std::string textLine(U32 frame, const Decoded& d) {
   std::ostringstream os;
   os << frame << ": ";
   switch (d.outcome) {
     case Decoded::Outcome::decoded:
-      os << "RX: <PIM " << messageText(*d.message) << ">";
+      os << "RX: <PIM " << messageTextLine(*d.message) << ">";
       if (!d.problems.empty()) os << " WARNINGS: " << joined(d.problems);
       break;
     case Decoded::Outcome::failed:
