@@ -155,7 +155,9 @@ bool IOSm::readIpHeader(const Loom::Ptr<RxPktContext>& ctx) {
                                           << " reservedFragFlag=" << h.reservedFragmentFlag()
                                           << " frag=" << h.fragmentOffset() << " ttl=" << unsigned(h.ttl())
                                           << " proto=" << unsigned(h.protocol()) << std::hex << " chksum=0x"
-                                          << h.checksum() << " computed chksum=0x" << h.computedChecksum()
+                                          << h.checksum() << " computed chksum=0x"
+                                          // over the header's length, which may claim more than arrived
+                                          << (ctx->remaining() >= headerBytes ? h.computedChecksum() : 0)
                                           << std::dec << " src=" << h.src() << " dst=" << h.dst() << ">");
       }
       if (headerBytes >= 20 && ctx->remaining() >= headerBytes) {

@@ -187,6 +187,7 @@ void IOSm::txPkt() {
   PIMIO_TRACE(7, "Setting TOS to " << unsigned(tos));
   const bool sent = pam && pam->txPkt(*pkt, p);
   std::memset(txBuffer_->bytes(), 0, room + written);  // the next message starts on zeros
+  if (!pam) return failed("TX: Error - No Socket");
   if (!sent) return;  // the socket counted it; handleTxError counts the message
   updateCounter(tx, t, subtype, intfId, MessageCounterType::counterValid);
   if (af == Knet::AddressFamily::ipv6) {
