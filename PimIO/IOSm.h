@@ -260,6 +260,17 @@ class IOSm : public Loom::Entity {
   void txErrorInc();
   // The time of the agent's timer wheel (the monotonic clock without one).
   Keel::Time now() const;
+  // Hello, Join/Prune, Bootstrap, Assert and DF election travel one hop: they belong to a PIM
+  // interface and go to its PIM routers.
+  static bool linkLocal(Knet::PimMessageType t) {
+    return t == Knet::pimHello() || t == Knet::pimJoinPrune() || t == Knet::pimBootstrap() ||
+           t == Knet::pimAssert() || t == Knet::pimDfElection();
+  }
+  // The interface's software boundary of the family, read in place; null when it has none.
+  const Loom::Ptr<Boundary::IntfBoundary>& intfBoundary(const Knet::IntfId& intfId, Knet::AddressFamily af) const;
+  // Whether a Bootstrap stays on this side of the interface's boundary: only its first group range
+  // decides, and only when that range is admin-scoped (the message is flooded whole or not at all).
+  bool bootstrapBounded(const Packet::Message& bootstrap, const Knet::IntfId& intfId) const;
   void countIn(IntfCounters& slots, U8 type, Packet::MessageSubtype subtype, Cask::MessageCounters::Count count);
 
   Loom::Ptr<PamManager> pimPamManager_;

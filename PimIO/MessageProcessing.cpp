@@ -76,12 +76,8 @@ bool IOSm::processCrpAdvMessage(const Loom::Ptr<RxPktContext>& ctx) {
 // The reader drops the groups behind the interface's boundary; a message that announced groups
 // and kept none was filtered, not malformed.
 bool IOSm::processJoinPruneMessage(const Loom::Ptr<RxPktContext>& ctx) {
-  Loom::Ptr<Boundary::IntfBoundary> boundary;
-  if (mcastBoundaryStatus_) {
-    if (auto status = mcastBoundaryStatus_->softwareBoundaryStatus(ctx->intfId().name())) {
-      boundary = status->intfBoundary(pimPamManager_ ? pimPamManager_->addressFamily() : ctx->srcIp().af());
-    }
-  }
+  const auto& boundary =
+      intfBoundary(ctx->intfId(), pimPamManager_ ? pimPamManager_->addressFamily() : ctx->srcIp().af());
   Loom::Ptr<Packet::Message> msg;
   const U32 bytes = decode(ctx, Knet::pimJoinPrune(), Packet::noSubtype, boundary, msg);
   if (bytes) return processed(ctx, msg, bytes);
@@ -103,19 +99,26 @@ bool IOSm::processAssertMessage(const Loom::Ptr<RxPktContext>& ctx) {
   return processed(ctx, msg, bytes);
 }
 
-// Only the first group range decides, and only when it is admin-scoped: a Bootstrap is flooded
-// whole or not at all, and the first range stands for the zone the message belongs to.
+const Loom::Ptr<Boundary::IntfBoundary>& IOSm::intfBoundary(const Knet::IntfId& intfId, Knet::AddressFamily af) const {
+  static const Loom::Ptr<Boundary::IntfBoundary> none;
+  if (!mcastBoundaryStatus_) return none;
+  const auto status = mcastBoundaryStatus_->softwareBoundaryStatus(intfId.name());
+  return status ? status->boundary(af) : none;
+}
+
+bool IOSm::bootstrapBounded(const Packet::Message& bootstrap, const Knet::IntfId& intfId) const {
+  const auto& groups = static_cast<const Packet::BootstrapMessage&>(bootstrap).groupRpData();
+  if (!mcastBoundary_ || !groups || groups->groupData().empty()) return false;
+  const BootstrapGroupData& first = *groups->groupData().begin()->second;
+  return first.zone() && mcastBoundary_->filteredPrefix(intfId, first.prefix());
+}
+
 bool IOSm::processBootstrapMessage(const Loom::Ptr<RxPktContext>& ctx) {
   Loom::Ptr<Packet::Message> msg;
   const U32 bytes = decode(ctx, Knet::pimBootstrap(), Packet::noSubtype, nullptr, msg);
   if (!bytes) return dropped(ctx, Knet::pimBootstrap(), 1, "RX: Error - Invalid Pim Bootstrap - Read Error", invalid);
-  const auto& groups = static_cast<const Packet::BootstrapMessage&>(*msg).groupRpData();
-  if (groups && !groups->groupData().empty() && mcastBoundary_) {
-    const BootstrapGroupData& first = *groups->groupData().begin()->second;
-    if (first.zone() && mcastBoundary_->filteredPrefix(ctx->intfId(), first.prefix())) {
-      return dropped(ctx, Knet::pimBootstrap(), 4, "RX: Bootstrap: Group in Boundary Filter - Packet Filtered",
-                     filtered);
-    }
+  if (bootstrapBounded(*msg, ctx->intfId())) {
+    return dropped(ctx, Knet::pimBootstrap(), 4, "RX: Bootstrap: Group in Boundary Filter - Packet Filtered", filtered);
   }
   PIMIO_TRACE(4, "RX: Bootstrap Message from " << ctx->srcIp());
   std::ostringstream os;

@@ -39,12 +39,6 @@ constexpr auto filtered = MessageCounterType::counterFiltered;
 constexpr auto valid = MessageCounterType::counterValid;
 constexpr U8 none = Cask::CounterKey::anySubtype;
 
-// Hello, Join/Prune, Bootstrap, Assert and DF election travel one hop and belong to a PIM interface.
-bool linkLocal(Knet::PimMessageType t) {
-  return t == Knet::pimHello() || t == Knet::pimJoinPrune() || t == Knet::pimBootstrap() || t == Knet::pimAssert() ||
-         t == Knet::pimDfElection();
-}
-
 std::string text(const Knet::IpGenAddr& a) { return a.str(); }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include "PimIO/IOSm.h"
 #include "PimMessage/AssertMessage.h"
-#include "PimMessage/BootstrapMessage.h"
 #include "PimMessage/DfElectionMessage.h"
 #include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/MessageTable.h"
@@ -23,9 +22,6 @@ constexpr U8 defaultTtl = 1;
 constexpr U8 defaultTos = 192;
 constexpr U8 farTtl = 255;
 constexpr U8 registerTosCap = 184;
-
-// Hello, Join/Prune, Bootstrap, Assert and DF election go to the link's PIM routers.
-bool linkType(U8 type) { return type == 0 || type == 3 || type == 4 || type == 5 || type == 10; }
 
 const char* writeError(Knet::PimMessageType t, U8 subtype) {
   switch (t.value()) {
@@ -94,7 +90,7 @@ void IOSm::txPkt() {
   if (!intfId.isEmpty()) {
     pimIntf = pimStatus_ ? pimStatus_->pimIntf(intfId) : nullptr;
     const auto intf = pimPamManager_->intf(intfId);
-    if (!pimIntf && linkType(t.type())) return failed("TX: Error - Invalid Interface - Id: ", intfId);
+    if (!pimIntf && linkLocal(t)) return failed("TX: Error - Invalid Interface - Id: ", intfId);
     if (pimIntf) {
       if (!intf) return failed("TX: Error - Invalid Interface - Id: ", intfId);
       if (!pimPamManager_->kernelIntf(intf->ifIndex())) return failed("TX: Error - Invalid Kernel Interface - Id: ", intfId);
@@ -115,7 +111,7 @@ void IOSm::txPkt() {
     PIMIO_TRACE(7, "Source address set to " << src << " from Velo interface.");
   }
   Knet::IpGenAddr dst = msg->dstIp();
-  if (!dst.isSet() && linkType(t.type())) dst = Knet::allPimRouters(af);
+  if (!dst.isSet() && linkLocal(t)) dst = Knet::allPimRouters(af);
   if (!dst.isSet()) return failed("TX: Error - Unknown Pim Destination - Type: ", t, " Id: ", intfId);
   msg->srcIpIs(src);
   msg->dstIpIs(dst);
@@ -135,20 +131,12 @@ void IOSm::txPkt() {
   if (t == Knet::pimJoinPrune()) {
     auto& jp = static_cast<Packet::JoinPruneMessage&>(*msg);
     if (ipIntf) jp.mtuIs(ipIntf->mtu());
-    if (mcastBoundaryStatus_) {
-      if (auto status = mcastBoundaryStatus_->softwareBoundaryStatus(intfId.name())) boundary = status->boundary(af);
-    }
+    boundary = intfBoundary(intfId, af);
   }
-  if (t == Knet::pimBootstrap() && mcastBoundary_) {
-    const auto& groups = static_cast<const Packet::BootstrapMessage&>(*msg).groupRpData();
-    if (groups && !groups->groupData().empty()) {
-      const BootstrapGroupData& first = *groups->groupData().begin()->second;
-      if (first.zone() && mcastBoundary_->filteredPrefix(intfId, first.prefix())) {
-        PIMIO_TRACE(1, "TX: Bootstrap: Group in Boundary Filter - Packet Filtered");
-        updateCounter(tx, t, subtype, intfId, MessageCounterType::counterFiltered);
-        return;
-      }
-    }
+  if (t == Knet::pimBootstrap() && bootstrapBounded(*msg, intfId)) {
+    PIMIO_TRACE(1, "TX: Bootstrap: Group in Boundary Filter - Packet Filtered");
+    updateCounter(tx, t, subtype, intfId, MessageCounterType::counterFiltered);
+    return;
   }
   if (t == Knet::pimAssert() && mcastBoundary_ &&
       mcastBoundary_->filtered(intfId, static_cast<const Packet::AssertMessage&>(*msg).group())) {

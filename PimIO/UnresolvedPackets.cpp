@@ -8,10 +8,6 @@ namespace {
 
 constexpr auto rx = MessageCounterDirection::directionRx;
 
-Keel::Time nowOf(const Loom::Ptr<Keel::Timer>& timer) {
-  return timer && timer->timerWheel() ? timer->timerWheel()->clock().now() : 0;
-}
-
 }  // namespace
 
 Loom::Ptr<PimUnresolvedPackets> IOSm::pimUnresPkt(const Cask::NeighborKey& key) const {
@@ -30,7 +26,7 @@ void IOSm::pimUnresPktEnq(const Cask::NeighborKey& key, const Loom::Ptr<Packet::
                                     << " shows up on interface " << key.intfId);
   if (pimUnresPkt_.empty() && unresTimer_) {
     PIMIO_TRACE(3, "RX: There are unresolved packets.  Enabling timer.");
-    unresTimer_->timeMinIs(nowOf(unresTimer_) + unresTimeout_);
+    unresTimer_->timeMinIs(now() + unresTimeout_);
   }
   Loom::Ptr<PimPacket> p = PimPacketIs();
   p->mTypeIs(msg->messageType());
@@ -66,7 +62,7 @@ void IOSm::handleUnresolvedPackets() {
   }
   if (!pimUnresPkt_.empty() && unresTimer_) {
     PIMIO_TRACE(3, "There are unresolved packets.  Re-enabling timer.");
-    unresTimer_->timeMinIs(nowOf(unresTimer_) + unresTimeout_);
+    unresTimer_->timeMinIs(now() + unresTimeout_);
   }
 }
 
