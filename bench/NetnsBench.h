@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <iostream>
+#include <vector>
 
 #include "loom/Trace.h"
 #include "support/Netns.h"
@@ -34,6 +35,45 @@ inline socklen_t sockAddr(const Knet::IpGenAddr& a, U32 ifIndex, sockaddr_storag
   s->sin6_scope_id = ifIndex;
   return sizeof(sockaddr_in6);
 }
+
+// Sends what goes to a group on `fd` out of `ifIndex` (IPv4 also from `src`); false when refused.
+inline bool multicastIfIs(int fd, const Knet::IpGenAddr& src, U32 ifIndex) {
+  if (src.af() == Knet::AddressFamily::ipv4) {
+    ip_mreqn m{};
+    std::memcpy(&m.imr_address, src.bytes(), 4);
+    m.imr_ifindex = int(ifIndex);
+    return ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &m, sizeof(m)) == 0;
+  }
+  const int i = int(ifIndex);
+  return ::setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &i, sizeof(i)) == 0;
+}
+
+// `count` copies of one message to one address, sent with sendmmsg; a veth hands them to the
+// peer's socket queue before the call returns.
+class Burst {
+ public:
+  Burst(std::vector<U8> bytes, const Knet::IpGenAddr& to, U32 ifIndex, size_t count)
+      : bytes_(std::move(bytes)), iov_(count, iovec{bytes_.data(), bytes_.size()}), msgs_(count) {
+    const socklen_t len = sockAddr(to, ifIndex, to_);
+    for (size_t i = 0; i < count; ++i) msgs_[i].msg_hdr = msghdr{&to_, len, &iov_[i], 1, nullptr, 0, 0};
+  }
+  const std::vector<U8>& bytes() const { return bytes_; }
+  // Packets sent on `fd`; a full send buffer is tried again up to `tries` calls in all.
+  size_t send(int fd, int tries = 1) {
+    size_t sent = 0;
+    for (int t = 0; sent < msgs_.size() && t < tries; ++t) {
+      const int n = ::sendmmsg(fd, msgs_.data() + sent, unsigned(msgs_.size() - sent), 0);
+      if (n > 0) sent += size_t(n);
+    }
+    return sent;
+  }
+
+ private:
+  std::vector<U8> bytes_;
+  sockaddr_storage to_;
+  std::vector<iovec> iov_;
+  std::vector<mmsghdr> msgs_;
+};
 
 // Runs the registered benchmarks with tracing off; without a lab says why and measures nothing.
 inline int runNetnsBenchmarks(int argc, char** argv, const char* name) {

@@ -61,33 +61,16 @@ using PimBench::sockAddr;
 // before the call returns.
 class Flood {
  public:
-  explicit Flood(AddressFamily af) : af_(af), sender_(pamIn(af, lab().nsA(), "flood")) {
+  explicit Flood(AddressFamily af)
+      : sender_(pamIn(af, lab().nsA(), "flood")),
+        burst_(helloBytes(lab().addrA(af), lab().addrB(af)), lab().addrB(af), lab().ifIndexB(), burst) {
     sender_->enabledIs(true);
-    bytes_ = helloBytes(lab().addrA(af), lab().addrB(af));
-    len_ = sockAddr(lab().addrB(af), lab().ifIndexB(), to_);
-    iov_.resize(burst, iovec{bytes_.data(), bytes_.size()});
-    msgs_.resize(burst);
-    for (size_t i = 0; i < burst; ++i) {
-      msgs_[i].msg_hdr = msghdr{};
-      msgs_[i].msg_hdr.msg_name = &to_;
-      msgs_[i].msg_hdr.msg_namelen = len_;
-      msgs_[i].msg_hdr.msg_iov = &iov_[i];
-      msgs_[i].msg_hdr.msg_iovlen = 1;
-    }
   }
-  size_t send() {
-    const int n = ::sendmmsg(sender_->fd(), msgs_.data(), unsigned(burst), 0);
-    return n > 0 ? size_t(n) : 0;
-  }
+  size_t send() { return burst_.send(sender_->fd()); }
 
  private:
-  AddressFamily af_;
   Loom::Ptr<IpPam> sender_;
-  std::vector<U8> bytes_;
-  sockaddr_storage to_;
-  socklen_t len_;
-  std::vector<iovec> iov_;
-  std::vector<mmsghdr> msgs_;
+  PimBench::Burst burst_;
 };
 
 // Room for B's queue to hold a whole burst.
@@ -183,15 +166,7 @@ void BM_BareSendto(benchmark::State& state) {
   const U32 ifIndex = lab().ifIndexA();
   const IpGenAddr src = af == AddressFamily::ipv4 ? lab().addrA(af) : PimTest::NetnsLab::linkLocalA();
   const auto bytes = helloBytes(src, allPimRouters(af));
-  if (af == AddressFamily::ipv4) {
-    ip_mreqn m{};
-    std::memcpy(&m.imr_address, src.bytes(), 4);
-    m.imr_ifindex = int(ifIndex);
-    ::setsockopt(a->fd(), IPPROTO_IP, IP_MULTICAST_IF, &m, sizeof(m));
-  } else {
-    const int i = int(ifIndex);
-    ::setsockopt(a->fd(), IPPROTO_IPV6, IPV6_MULTICAST_IF, &i, sizeof(i));
-  }
+  PimBench::multicastIfIs(a->fd(), src, ifIndex);
   sockaddr_storage to;
   const socklen_t len = sockAddr(allPimRouters(af), ifIndex, to);
   size_t failures = 0;

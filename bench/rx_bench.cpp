@@ -104,52 +104,23 @@ using PimBench::sockAddr;
 // hands them to A's socket queue before the call returns.
 class Flood {
  public:
-  Flood(AddressFamily af, std::vector<U8> bytes) : bytes_(std::move(bytes)) {
+  Flood(AddressFamily af, std::vector<U8> bytes)
+      : burst_(std::move(bytes), Knet::allPimRouters(af), lab().ifIndexB(), burst) {
     sender_ = af == AddressFamily::ipv4
                   ? static_cast<Knet::IpPam*>(new Knet::IpSocketPam("flood", Knet::ipProtoPim, lab().nsB()))
                   : static_cast<Knet::IpPam*>(new Knet::Ip6SocketPam("flood", Knet::ipProtoPim, lab().nsB()));
     sender_->flagsIs(Knet::IpPam::flagNoMulticastLoop);
     sender_->enabledIs(true);
-    const U32 ifIndex = lab().ifIndexB();
-    if (af == AddressFamily::ipv4) {
-      ip_mreqn m{};
-      std::memcpy(&m.imr_address, lab().addrB(af).bytes(), 4);
-      m.imr_ifindex = int(ifIndex);
-      ok_ = ::setsockopt(sender_->fd(), IPPROTO_IP, IP_MULTICAST_IF, &m, sizeof(m)) == 0;
-    } else {
-      const int i = int(ifIndex);
-      ok_ = ::setsockopt(sender_->fd(), IPPROTO_IPV6, IPV6_MULTICAST_IF, &i, sizeof(i)) == 0;
-    }
-    ok_ = ok_ && !bytes_.empty();
-    const socklen_t len = sockAddr(Knet::allPimRouters(af), ifIndex, to_);
-    iov_.resize(burst, iovec{bytes_.data(), bytes_.size()});
-    msgs_.resize(burst);
-    for (size_t i = 0; i < burst; ++i) {
-      msgs_[i].msg_hdr = msghdr{};
-      msgs_[i].msg_hdr.msg_name = &to_;
-      msgs_[i].msg_hdr.msg_namelen = len;
-      msgs_[i].msg_hdr.msg_iov = &iov_[i];
-      msgs_[i].msg_hdr.msg_iovlen = 1;
-    }
+    ok_ = PimBench::multicastIfIs(sender_->fd(), lab().addrB(af), lab().ifIndexB()) && !burst_.bytes().empty();
   }
   bool ok() const { return ok_ && sender_->enabled(); }
   // Packets sent; a full send buffer ends the burst early.
-  size_t send() {
-    size_t sent = 0;
-    for (int tries = 0; sent < burst && tries < 100; ++tries) {
-      const int n = ::sendmmsg(sender_->fd(), msgs_.data() + sent, unsigned(burst - sent), 0);
-      if (n > 0) sent += size_t(n);
-    }
-    return sent;
-  }
+  size_t send() { return burst_.send(sender_->fd(), 100); }
 
  private:
-  std::vector<U8> bytes_;
+  PimBench::Burst burst_;
   Loom::Ptr<Knet::IpPam> sender_;
   bool ok_ = false;
-  sockaddr_storage to_;
-  std::vector<iovec> iov_;
-  std::vector<mmsghdr> msgs_;
 };
 
 // A's side: a packet access manager in namespace A, its socket joined to ALL-PIM-ROUTERS on the

@@ -92,16 +92,12 @@ void BM_BareSendtoSameBytes(benchmark::State& state) {
   auto pkt = Knet::pktFactory(1480);
   const U32 n = Packet::messageClass(m->pimMessageType())->write(*m, pkt, 0, nullptr);
   const int fd = a.manager->pam()->fd();
-  ip_mreqn mr{};
-  std::memcpy(&mr.imr_address, src.bytes(), 4);
-  mr.imr_ifindex = int(lab().ifIndexA());
-  ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &mr, sizeof(mr));
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  std::memcpy(&to.sin_addr, dst.bytes(), 4);
+  PimBench::multicastIfIs(fd, src, lab().ifIndexA());
+  sockaddr_storage to;
+  const socklen_t len = PimBench::sockAddr(dst, lab().ifIndexA(), to);
   size_t failures = 0;
   for (auto _ : state) {
-    failures += ::sendto(fd, pkt->data(), n, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) < 0;
+    failures += ::sendto(fd, pkt->data(), n, 0, reinterpret_cast<sockaddr*>(&to), len) < 0;
   }
   if (failures != 0 || n == 0) state.SkipWithError("sendto failed");
   state.SetItemsProcessed(int64_t(state.iterations()));
