@@ -15,6 +15,7 @@
 
 #include "PimIO/IOSm.h"
 #include "loom/Trace.h"
+#include "support/IOSmAgent.h"
 #include "support/Netns.h"
 
 namespace Routing::Pim::IO {
@@ -25,15 +26,7 @@ using Knet::IntfId;
 using Names = std::set<std::string>;
 using Program = std::vector<Knet::IpFilter>;
 
-std::string run(const std::string& command) {
-  std::string out;
-  if (FILE* f = ::popen(("timeout 10 " + command + " 2>&1").c_str(), "r")) {
-    char buf[512];
-    while (size_t n = std::fread(buf, 1, sizeof(buf), f)) out.append(buf, n);
-    ::pclose(f);
-  }
-  return out;
-}
+std::string run(const std::string& command) { return PimTest::NetnsLab::output(command); }
 
 // The devices of the namespace on which some socket holds ALL-PIM-ROUTERS, as the kernel lists them.
 Names kernelMembers(const std::string& ns, AddressFamily af) {
@@ -58,25 +51,13 @@ Names kernelMembers(const std::string& ns, AddressFamily af) {
 }
 
 // The agent's side of one instance in a namespace; interface ids are the device names.
-struct Agent {
-  explicit Agent(AddressFamily af, const std::string& ns = "")
-      : manager(pamManagerFactory(af, ns, false)),
-        counters(Cask::messageCountersFactory("member" + std::to_string(getpid()), af, 256)) {}
-  ~Agent() { counters->unlink(); }
-  Loom::Ptr<IOSm> sm() {
-    return iOSmFactory(manager, counters, status, configCollFactory(), IpGen::intfStatusFactory(),
-                       Acl::aclTypeConfigFactory(), devices, Interface::allIntfStatusDirFactory(),
-                       pimAttrLogSmFactory(), nullptr, nullptr);
-  }
+struct Agent : Test::IOSmAgent {
+  using IOSmAgent::IOSmAgent;
   Names members(const IOSm& sm) const {
     Names out;
     for (const auto& id : sm.allPimRoutersMember()) out.insert(id.name());
     return out;
   }
-  Loom::Ptr<PamManager> manager;
-  Loom::Ptr<Cask::MessageCounters> counters;
-  Loom::Ptr<Status> status = statusFactory("blue");
-  Loom::Ptr<Interface::DeviceIntfStatusDir> devices = Interface::deviceIntfStatusDirFactory();
 };
 
 // True when a captured line holds `text`.

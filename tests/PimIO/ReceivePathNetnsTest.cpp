@@ -9,6 +9,7 @@
 
 #include "PimIO/IOSm.h"
 #include "knet/IpPacket.h"
+#include "support/IOSmAgent.h"
 #include "support/Netns.h"
 #include "support/PimBytes.h"
 
@@ -38,45 +39,32 @@ const Family v6{AddressFamily::ipv6, "fe80::77", "fe80::78", "fe80::66", "ff3e::
                 "ff3e::", 16, "ff00::", 8};
 
 // The agent in namespace a, its one PIM interface the veth end "pa".
-struct Agent {
+struct Agent : Test::IOSmAgent {
   const Knet::IntfId pa{"pa"};
-  const AddressFamily af;
   const U32 ifIndex;
-  Loom::Ptr<PamManager> manager;
-  Loom::Ptr<Cask::MessageCounters> counters;
-  Loom::Ptr<Status> status = statusFactory("red");
-  Loom::Ptr<ConfigColl> config = configCollFactory();
-  Loom::Ptr<Acl::AclTypeConfig> acl = Acl::aclTypeConfigFactory();
-  Keel::ManualClock clock;
-  Loom::Ptr<Keel::TimerWheel> wheel = Keel::timerWheelFactory(clock);
   Loom::Ptr<IOSm> io;
 
   Agent(const NetnsLab& lab, const Family& f, const Knet::IpGenAddr& peer)
-      : af(f.af),
-        ifIndex(lab.ifIndexA()),
-        manager(pamManagerFactory(f.af, lab.nsA(), false)),
-        counters(Cask::messageCountersFactory("rxnetns" + std::to_string(getpid()), f.af, 256)) {
+      : IOSmAgent(f.af, lab.nsA()), ifIndex(lab.ifIndexA()) {
     manager->kernelIntfIs(ifIndex)->intfIdIs(pa);
     manager->intfIs(pa)->ifIndexIs(ifIndex);
-    manager->pam()->groupIs(ifIndex, Knet::allPimRouters(af));
+    manager->pam()->groupIs(ifIndex, Knet::allPimRouters(f.af));
     // Slots for Graft (6) and type 9 too, so that the kernel filter lets them reach the checks.
     for (U8 t : {0, 1, 2, 3, 4, 5, 6, 8, 9, 10}) manager->rxMessageInfoIs(t, messageInfoFactory());
     status->pimIntfIs(pa)->neighborIs(peer, true);
     const Knet::IpGenAddr kept = ip(f.filtered);
-    auto list = acl->aclConfigIs("nbr", af == AddressFamily::ipv4 ? Acl::AclType::ipv4 : Acl::AclType::ipv6);
-    if (af == AddressFamily::ipv4) {
+    if (f.af == AddressFamily::ipv4) {
+      auto list = acl->aclConfigIs("nbr", Acl::AclType::ipv4);
       list->ipRuleConfigIs(10, {Acl::AclAction::deny, Acl::IpFilter(Knet::IpGenPrefix(kept, 32))});
       list->ipRuleConfigIs(20, {Acl::AclAction::permit, Acl::IpFilter(Knet::IpGenPrefix(ip("0.0.0.0"), 0))});
     } else {
+      auto list = acl->aclConfigIs("nbr", Acl::AclType::ipv6);
       list->ip6RuleConfigIs(10, {Acl::AclAction::deny, Acl::Ip6Filter(Knet::IpGenPrefix(kept, 128))});
       list->ip6RuleConfigIs(20, {Acl::AclAction::permit, Acl::Ip6Filter(Knet::IpGenPrefix(ip("::"), 0))});
     }
     config->intfConfigIs(pa)->neighborFilterIs("nbr");
-    io = iOSmFactory(manager, counters, status, config, IpGen::intfStatusFactory(), acl,
-                     Interface::deviceIntfStatusDirFactory(), Interface::allIntfStatusDirFactory(), pimAttrLogSmFactory(),
-                     wheel->timerNew(), McastBoundary::statusFactory());
+    io = sm();
   }
-  ~Agent() { counters->unlink(); }
 
   // Reads until `read` packets have been read in all, or a second has passed.
   void drainUntil(U64 read) {
@@ -172,7 +160,7 @@ TEST(ReceivePathNetns, EveryTypeAndEveryRejectionLandsWhereItShould) {
       EXPECT_EQ(after.errors - before.errors, row.lands == error ? 1u : 0u);
       if (!row.text.empty()) {
         const Lines got = lines(cap);
-        EXPECT_NE(std::find(got.begin(), got.end(), "<Vrf:red> " + row.text), got.end()) << ::testing::PrintToString(got);
+        EXPECT_NE(std::find(got.begin(), got.end(), "<Vrf:blue> " + row.text), got.end()) << ::testing::PrintToString(got);
       }
       if (row.lands == handed) {
         const auto& slot = agent.manager->rxMessageInfo(row.bytes[0] & 0x0f);
@@ -193,7 +181,7 @@ TEST(ReceivePathNetns, EveryTypeAndEveryRejectionLandsWhereItShould) {
     EXPECT_EQ(agent.io->pimUnresPkt({agent.pa, ip(f.crowd)})->pktCount(), 1024u);
     const Lines got = lines(cap);
     EXPECT_NE(std::find(got.begin(), got.end(),
-                        "<Vrf:red> RX: Error - Invalid Pim Message - Neighbor Queue Full - Type: joinPrune Address: " +
+                        "<Vrf:blue> RX: Error - Invalid Pim Message - Neighbor Queue Full - Type: joinPrune Address: " +
                             std::string(f.crowd)),
               got.end());
 

@@ -12,6 +12,7 @@
 #include "PimMessage/MessageTable.h"
 #include "TsharkSupport.h"
 #include "knet/IpHdr.h"
+#include "support/IOSmAgent.h"
 #include "support/JoinPruneTrees.h"
 #include "support/Netns.h"
 #include "support/PimBytes.h"
@@ -23,30 +24,20 @@ using namespace PimTest;
 using Knet::AddressFamily;
 
 // The sending agent in namespace a, its PIM interface the veth end "pa".
-struct Sender {
+struct Sender : Test::IOSmAgent {
   const Knet::IntfId pa{"pa"};
-  Loom::Ptr<PamManager> manager;
-  Loom::Ptr<Cask::MessageCounters> counters;
-  Loom::Ptr<Status> status = statusFactory("red");
-  Loom::Ptr<IpGen::IntfStatus> ipStatus = IpGen::intfStatusFactory();
-  Keel::ManualClock clock;
-  Loom::Ptr<Keel::TimerWheel> wheel = Keel::timerWheelFactory(clock);
   Loom::Ptr<IOSm> io;
 
   Sender(const NetnsLab& lab, AddressFamily af, bool headerIncluded, U32 mtu = 1500)
-      : manager(pamManagerFactory(af, lab.nsA(), headerIncluded)),
-        counters(Cask::messageCountersFactory("txnetns" + std::to_string(getpid()), af, 256)) {
+      : IOSmAgent(af, lab.nsA(), headerIncluded) {
     manager->kernelIntfIs(lab.ifIndexA())->intfIdIs(pa);
     manager->intfIs(pa)->ifIndexIs(lab.ifIndexA());
     status->pimIntfIs(pa)->addrIs(af == AddressFamily::ipv4 ? lab.addrA(af) : NetnsLab::linkLocalA());
     auto ip = ipStatus->ipIntfIs(pa);
     ip->mtuIs(mtu);
     ip->primaryAddrIs(Knet::IpGenPrefix(lab.addrA(af), af == AddressFamily::ipv4 ? 24 : 64));
-    io = iOSmFactory(manager, counters, status, configCollFactory(), ipStatus, Acl::aclTypeConfigFactory(),
-                     Interface::deviceIntfStatusDirFactory(), Interface::allIntfStatusDirFactory(), pimAttrLogSmFactory(),
-                     wheel->timerNew(), nullptr);
+    io = sm();
   }
-  ~Sender() { counters->unlink(); }
   void send(const Loom::Ptr<Packet::Message>& m) {
     const auto& record = manager->txMessageInfo();
     record->intfIdIs(pa);

@@ -1,6 +1,6 @@
 #pragma once
 // The agent's side of one I/O state machine, wired as an agent would wire it: a packet access
-// manager (its socket in the test's own namespace), a real shared-memory counter table, the
+// manager, a real shared-memory counter table, the
 // agent's status, configuration and access lists, and a timer wheel on a clock the test moves.
 #include <unistd.h>
 
@@ -11,9 +11,14 @@
 namespace Routing::Pim::IO::Test {
 
 struct IOSmAgent {
-  Loom::Ptr<PamManager> manager = pamManagerFactory(Knet::AddressFamily::ipv4, "", false);
-  Loom::Ptr<Cask::MessageCounters> counters =
-      Cask::messageCountersFactory("iosm" + std::to_string(getpid()), Knet::AddressFamily::ipv4, 64);
+  // The manager's socket is of `af`, in network namespace `ns` ("" the test's own), writing IP
+  // headers itself when `overrideIpHeader`.
+  explicit IOSmAgent(Knet::AddressFamily af = Knet::AddressFamily::ipv4, const std::string& ns = "",
+                     bool overrideIpHeader = false)
+      : manager(pamManagerFactory(af, ns, overrideIpHeader)),
+        counters(Cask::messageCountersFactory("iosm" + std::to_string(getpid()), af, 256)) {}
+  Loom::Ptr<PamManager> manager;
+  Loom::Ptr<Cask::MessageCounters> counters;
   Loom::Ptr<Status> status = statusFactory("blue");
   Loom::Ptr<ConfigColl> config = configCollFactory();
   Loom::Ptr<Acl::AclTypeConfig> acl = Acl::aclTypeConfigFactory();

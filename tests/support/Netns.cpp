@@ -121,6 +121,12 @@ Knet::IpGenAddr NetnsLab::addrB(Knet::AddressFamily af) const {
 Knet::IpGenAddr NetnsLab::linkLocalA() { return parsed("fe80::a"); }
 Knet::IpGenAddr NetnsLab::linkLocalB() { return parsed("fe80::b"); }
 
+std::string NetnsLab::output(const std::string& command) {
+  std::string out;
+  shell(command, &out);
+  return out;
+}
+
 int NetnsLab::packetSocket(const std::string& ns, U32 ifIndex) {
   const int home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
   const int target = ::open(("/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);

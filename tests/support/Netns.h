@@ -38,6 +38,8 @@ class NetnsLab {
   static Knet::IpGenAddr linkLocalA();
   static Knet::IpGenAddr linkLocalB();
 
+  // What a shell command (bounded in time) prints, standard error included.
+  static std::string output(const std::string& command);
   // A non-blocking packet socket in namespace `ns` that sees every IP packet on interface
   // `ifIndex` from its IP header on (what went on the wire); -1 on failure.
   static int packetSocket(const std::string& ns, U32 ifIndex);
