@@ -19,6 +19,8 @@
 #include <random>
 #include <sstream>
 
+#include "PimMessage/BootstrapMessage.h"
+
 namespace PimAgent {
 
 using namespace Routing::Pim;
@@ -190,6 +192,14 @@ bool Agent::start(std::string& error) {
   joinPruneTimer_ = std::make_unique<TimerReactor>(this, wheel_->timerNew(), &Agent::onJoinPruneTime);
   helloTimer_->notifier()->timeMinIs(now());
   joinPruneTimer_->notifier()->timeMinIs(now());
+  if (options_.bsr) {
+    if (!bsrAddress_.isSet()) {
+      error = "a BSR needs an address that is not link-local on its first interface";
+      return false;
+    }
+    bootstrapTimer_ = std::make_unique<TimerReactor>(this, wheel_->timerNew(), &Agent::onBootstrapTime);
+    bootstrapTimer_->notifier()->timeMinIs(now());
+  }
   if (options_.duration > 0) {
     endTimer_ = std::make_unique<TimerReactor>(this, wheel_->timerNew(), &Agent::stop);
     endTimer_->notifier()->timeMinIs(now() + options_.duration);
@@ -233,6 +243,7 @@ bool Agent::intfAdd(const ifaddrs* list, const std::string& name, std::string& e
     self = *std::min_element(local.begin(), local.end());
   }
   status_->pimIntfIs(id)->addrIs(self);
+  if (!bsrAddress_.isSet()) bsrAddress_ = ip->primaryAddr(options_.af).address();
   // The device directory is what makes the state machine fill its interface tables and join
   // ALL-PIM-ROUTERS on the device.
   devices_->intfStatusAndDeviceNameIs(id, {ifIndex, name});
@@ -254,6 +265,29 @@ void Agent::onHelloTime() {
 void Agent::onJoinPruneTime() {
   joinPruneSend();
   joinPruneTimer_->notifier()->timeMinIs(now() + options_.jpInterval);
+}
+
+// One Bootstrap of the whole RP set: the family's multicast range with one RP.
+void Agent::onBootstrapTime() {
+  const bool v4 = options_.af == AddressFamily::ipv4;
+  auto range = bootstrapGroupDataFactory(*Knet::IpGenPrefix::parse(v4 ? "224.0.0.0/4" : "ff00::/8"));
+  range->rpCountIs(1);
+  range->fragRpCountIs(1);
+  auto& rp = range->rpListIs(options_.rp.isSet() ? options_.rp : bsrAddress_);
+  rp.holdtimeIs(U16(std::clamp(options_.bsrInterval * 2.5, 1.0, 65535.0)));
+  rp.priorityIs(192);
+  for (const auto& [id, intf] : status_->pimIntf()) {
+    auto m = Packet::bootstrapMessageFactory();
+    m->fragmentTagIs(fragmentTag_);
+    m->hashMaskLenIs(v4 ? 30 : 126);
+    m->bsrPriorityIs(64);
+    m->bsrAddressIs(bsrAddress_);
+    m->groupRpDataIs(bootstrapOptionalDataFactory());
+    m->groupRpData()->groupDataEnq(range);
+    send(id, m);
+  }
+  ++fragmentTag_;
+  bootstrapTimer_->notifier()->timeMinIs(now() + options_.bsrInterval);
 }
 
 void Agent::helloSend(const Knet::IntfId& intf, U16 holdtime) {
@@ -296,7 +330,7 @@ void Agent::joinPruneSend() {
 }
 
 void Agent::send(const Knet::IntfId& intf, const Loom::Ptr<Packet::Message>& m) {
-  print({"tx", intf.name(), "", m->pimMessageType().name(), Packet::messageTextLine(*m)});
+  if (!options_.quiet) print({"tx", intf.name(), "", m->pimMessageType().name(), Packet::messageTextLine(*m)});
   const auto& record = manager_->txMessageInfo();
   record->intfIdIs(intf);
   record->messageIs(m);
@@ -306,7 +340,7 @@ void Agent::send(const Knet::IntfId& intf, const Loom::Ptr<Packet::Message>& m) 
 void Agent::onReceived(const MessageInfo& info) {
   const auto& m = info.message();
   if (!m) return;
-  print({"rx", info.intfId().name(), m->srcIp().str(), m->pimMessageType().name(), Packet::messageTextLine(*m)});
+  if (!options_.quiet) print({"rx", info.intfId().name(), m->srcIp().str(), m->pimMessageType().name(), Packet::messageTextLine(*m)});
   if (const auto hello = info.helloMessage()) {
     neighborIs(info.intfId(), m->srcIp(), hello->holdTimeOption() ? hello->holdTime() : holdtimeDefault);
   }

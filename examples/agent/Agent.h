@@ -34,6 +34,12 @@ struct Options {
   std::string vrf = "default";
   double duration = 0;  // 0: run until SIGINT or SIGTERM
   bool json = false;
+  // Prints only the neighbors that come and go, not every message (for floods).
+  bool quiet = false;
+  // Originates Bootstraps every bsrInterval seconds on every PIM interface, with this agent as
+  // the BSR and one range (the family's whole multicast range) whose RP is `rp`, or the agent.
+  bool bsr = false;
+  double bsrInterval = 60;
 };
 
 // One line of output: text for people, or a JSON object with the same fields.
@@ -63,6 +69,7 @@ class Agent {
   bool intfAdd(const ifaddrs* list, const std::string& name, std::string& error);
   void onHelloTime();
   void onJoinPruneTime();
+  void onBootstrapTime();
   void stop();
   void onReceived(const MessageInfo& info);
   void neighborIs(const Knet::IntfId& intf, const Knet::IpGenAddr& addr, U16 holdtime);
@@ -86,7 +93,9 @@ class Agent {
   Loom::Ptr<Routing::Pim::IO::IOSm> io_;
   std::unique_ptr<Routing::Pim::IO::PamWatch> pamWatch_;
   std::vector<std::unique_ptr<RxSlot>> rxSlots_;
-  std::unique_ptr<TimerReactor> helloTimer_, joinPruneTimer_, endTimer_;
+  std::unique_ptr<TimerReactor> helloTimer_, joinPruneTimer_, bootstrapTimer_, endTimer_;
+  Knet::IpGenAddr bsrAddress_;  // the first interface's primary (IPv4) or global (IPv6) address
+  U16 fragmentTag_ = U16(generationId_);
   std::unique_ptr<SignalWatch> signals_;
   std::map<Knet::IntfId, std::vector<Knet::IpGenAddr>> secondaries_;  // IPv4 addresses beside the primary
   std::map<NeighborKey, std::unique_ptr<Neighbor>> neighbor_;

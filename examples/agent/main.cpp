@@ -48,6 +48,11 @@ int main(int argc, char** argv) {
   app.add_option("--duration", o.duration, "Exit after this many seconds (default: run until a signal)")
       ->check(CLI::NonNegativeNumber);
   app.add_flag("--json", o.json, "One JSON object per event instead of text lines");
+  app.add_flag("--quiet", o.quiet, "Print only neighbors coming and going, not each message");
+  app.add_flag("--bsr", o.bsr, "Originate Bootstraps as the BSR, with --rp (or this agent) the RP of every group");
+  app.add_option("--bsr-interval", o.bsrInterval, "Seconds between Bootstraps")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
   CLI11_PARSE(app, argc, argv);
 
   o.af = af == 4 ? Knet::AddressFamily::ipv4 : Knet::AddressFamily::ipv6;
