@@ -8,6 +8,7 @@
 #include "tools/pimio/Counters.h"
 #include "tools/pimio/Decode.h"
 #include "tools/pimio/Encode.h"
+#include "tools/pimio/Lab.h"
 
 namespace {
 
@@ -96,6 +97,19 @@ collector or a wrapper.
 Exit status: 0 when the table was read; 1 when there is no table for that VRF and family (no
 agent runs it); 2 when the table is corrupt or of another layout, or on a usage error.)help";
 
+// What lab does and how it ends, for its --help.
+constexpr const char* kLabHelp =
+    R"help(Builds a LAN in network namespaces (a bridge; names lab<PID>-*) with FRRouting's pimd (and zebra)
+and two example agents on the pimio library (pimio-agent), plus a third agent that is the BSR
+behind pimd and a host that sends a stream and joins a group behind it. Shows, as each happens:
+pimd up; neighbors in every direction (the agents list pimd, pimd's 'show ip pim neighbor' lists
+the agents, the agents list each other); pimio-a's (S,G) Join acted on by pimd (its join state and
+route); pimd's Join/Prune, its forward of the BSR's Bootstrap and its Assert, decoded by both
+agents; the same agents over IPv6 link-local addresses; their message counters. Everything is
+removed at the end, also on Ctrl-C. Needs root, iproute2 and the frr package.
+Exit status: 0 when every step passed; 1 when a step failed (named on the last line, or in
+"failed" with --json); 2 when the lab could not be built or started; 130 when interrupted.)help";
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -140,6 +154,17 @@ int main(int argc, char** argv) {
   countersCmd->add_option("--count", counters.count, "With --watch: stop after N readings.")
       ->check(CLI::PositiveNumber);
 
+  Pimio::Cli::LabOptions lab;
+  CLI::App* labCmd = app.add_subcommand("lab", "Run a live PIM LAN: pimio agents and FRRouting's pimd as neighbors.");
+  labCmd->footer(kLabHelp);
+  labCmd->add_flag("--json", lab.json, "The summary as one JSON object; progress goes to standard error.");
+  labCmd->add_option("--timeout", lab.timeout, "Seconds that the steps may take together.")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  labCmd->add_option("--frr-dir", lab.frrDir, "Where FRRouting's zebra and pimd are.")->capture_default_str();
+  labCmd->add_option("--agent", lab.agent, "The pimio-agent program (default: beside pimio, or the build's).");
+  labCmd->add_flag("--keep", lab.keep, "Keep the work directory: configurations, logs, what each agent printed.");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -148,5 +173,6 @@ int main(int argc, char** argv) {
   }
   if (decodeCmd->parsed()) return Pimio::Cli::decodeCapture(decode, std::cout, std::cerr);
   if (countersCmd->parsed()) return Pimio::Cli::showCounters(counters, std::cout, std::cerr);
+  if (labCmd->parsed()) return Pimio::Cli::runLab(lab, std::cout, lab.json ? std::cerr : std::cout);
   return Pimio::Cli::encodeLines(encode, std::cerr);
 }
