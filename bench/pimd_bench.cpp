@@ -6,15 +6,16 @@
 // on its end. The sender says Hello on both links (holdtime forever), waits until both receivers
 // list it as a neighbor, warms their state up with a few Join/Prunes, then floods both with the
 // same Join/Prunes (one group of n (S,G) joins, addressed to the receiver as upstream neighbor,
-// to ALL-PIM-ROUTERS) at the same fixed rate for a few seconds, paced in 1 ms ticks.
+// to ALL-PIM-ROUTERS) at the same fixed rate for a few seconds, paced in ticks of a few ms.
 //
-// BM_PimdFlood/n/rate/seconds: each receiver process's CPU time (utime + stime of /proc/PID/stat)
+// BM_PimdFlood/n/rate/seconds/tick (ms): each receiver process's CPU time (utime + stime of /proc/PID/stat)
 // over the flood and until its count stops moving, divided by the Join/Prunes it counted: ours
 // from its counter table in shared memory, pimd's from `show ip pim interface traffic json` (which
 // counts joins: divided by the joins in each message).
 // Counters: pimioNsPerJp, pimdNsPerJp, their ratio pimioOverPimd, sent, pimioRx, pimdRx, and the
 // same CPU times from /proc/PID/task/*/schedstat (nanoseconds, not clock ticks) for a check of
-// the tick-based figures. The manual time is the flood's wall time; one iteration.
+// the tick-based figures, and the times each went to sleep per Join/Prune (its wakeups). The
+// manual time is the flood's wall time; one iteration.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -111,23 +112,28 @@ double schedCpuNs(int pid) {
   return ns;
 }
 
-// Times a process was switched out, all threads (/proc/PID/status): mostly to wait for input,
-// so about the wakeups that a flood costs it.
-double contextSwitches(int pid) {
-  std::istringstream in(fileText("/proc/" + std::to_string(pid) + "/status"));
+// Times the threads of a process went to sleep (voluntary context switches of /proc/PID/task/*/status):
+// to wait for input, so the wakeups that a flood costs it.
+double sleeps(int pid) {
+  const std::string dir = "/proc/" + std::to_string(pid) + "/task";
+  DIR* d = ::opendir(dir.c_str());
+  if (!d) return -1;
   double n = 0;
-  for (std::string line; std::getline(in, line);) {
-    if (line.starts_with("voluntary_ctxt_switches:") || line.starts_with("nonvoluntary_ctxt_switches:")) {
-      n += std::strtod(line.c_str() + line.find(':') + 1, nullptr);
+  while (dirent* e = ::readdir(d)) {
+    if (e->d_name[0] == '.') continue;
+    std::istringstream in(fileText(dir + "/" + e->d_name + "/status"));
+    for (std::string line; std::getline(in, line);) {
+      if (line.starts_with("voluntary_ctxt_switches:")) n += std::strtod(line.c_str() + 24, nullptr);
     }
   }
+  ::closedir(d);
   return n;
 }
 
 struct Cpu {
-  double stat = 0, sched = 0, switches = 0;
-  static Cpu of(int pid) { return {statCpuNs(pid), schedCpuNs(pid), contextSwitches(pid)}; }
-  Cpu operator-(const Cpu& o) const { return {stat - o.stat, sched - o.sched, switches - o.switches}; }
+  double stat = 0, sched = 0, wakeups = 0;
+  static Cpu of(int pid) { return {statCpuNs(pid), schedCpuNs(pid), sleeps(pid)}; }
+  Cpu operator-(const Cpu& o) const { return {stat - o.stat, sched - o.sched, wakeups - o.wakeups}; }
 };
 
 // The lab: namespaces <base>-s (sender: s0 to the agent, s1 to pimd), <base>-a (the agent on a0)
@@ -394,6 +400,7 @@ void BM_PimdFlood(benchmark::State& state) {
   const U32 sources = U32(state.range(0));
   const size_t rate = size_t(state.range(1));
   const double seconds = double(state.range(2));
+  const long tickMs = long(state.range(3));
   PimdLab& lab = pimdLab();
   if (!lab.ok()) {
     state.SkipWithError(("no lab: " + lab.error()).c_str());
@@ -421,8 +428,8 @@ void BM_PimdFlood(benchmark::State& state) {
                             .c_str());
     return;
   }
-  // Each 1 ms tick sends rate / 1000 Join/Prunes on each link.
-  const size_t perTick = std::max<size_t>(1, rate / 1000);
+  // Each tick sends rate x tick Join/Prunes on each link.
+  const size_t perTick = std::max<size_t>(1, rate * size_t(tickMs) / 1000);
   const auto group = Knet::allPimRouters(AddressFamily::ipv4);
   PimBench::Burst jpA(joinPruneBytes(toAgent.src, PimdLab::agentAddr(), sources), group, lab.ifIndexToAgent(), perTick);
   PimBench::Burst jpP(joinPruneBytes(toPimd.src, PimdLab::pimdAddr(), sources), group, lab.ifIndexToPimd(), perTick);
@@ -446,13 +453,13 @@ void BM_PimdFlood(benchmark::State& state) {
   for (auto _ : state) {
     const Cpu a0 = Cpu::of(lab.agentPid()), p0 = Cpu::of(lab.pimdPid()), z0 = Cpu::of(lab.zebraPid());
     const auto start = Clock::now();
-    const size_t ticks = size_t(seconds * 1000);
+    const size_t ticks = size_t(seconds * 1000) / size_t(tickMs);
     timespec next{};
     ::clock_gettime(CLOCK_MONOTONIC, &next);
     for (size_t t = 0; t < ticks; ++t) {
       sentA += jpA.send(toAgent.pam->fd(), 10);
       sentP += jpP.send(toPimd.pam->fd(), 10);
-      next.tv_nsec += 1000000;
+      next.tv_nsec += tickMs * 1000000;
       if (next.tv_nsec >= 1000000000) {
         next.tv_nsec -= 1000000000;
         ++next.tv_sec;
@@ -489,17 +496,19 @@ void BM_PimdFlood(benchmark::State& state) {
   state.counters["pimioOverPimd"] = pimdNs > 0 ? pimioNs / pimdNs : 0;
   state.counters["pimioSchedNsPerJp"] = agentCpu.sched / double(rxA);
   state.counters["pimdSchedNsPerJp"] = pimdCpu.sched / double(rxP);
-  state.counters["pimioSwitchesPerJp"] = agentCpu.switches / double(rxA);
-  state.counters["pimdSwitchesPerJp"] = pimdCpu.switches / double(rxP);
+  state.counters["pimioWakeupsPerJp"] = agentCpu.wakeups / double(rxA);
+  state.counters["pimdWakeupsPerJp"] = pimdCpu.wakeups / double(rxP);
   state.counters["zebraSchedNsPerJp"] = zebraCpu.sched / double(rxP);
 }
 
 // One group with 1, 20 and 181 (S,G) joins (181 fill a 1500-byte packet), 5,000 a second on each
-// link for 5 seconds.
+// link for 5 seconds in 1 ms ticks; for scale, 1 x 1 at the same rate in 10 ms ticks (bursts of 50,
+// fewer wakeups of each receiver).
 BENCHMARK(BM_PimdFlood)
-    ->Args({1, 5000, 5})
-    ->Args({20, 5000, 5})
-    ->Args({181, 5000, 5})
+    ->Args({1, 5000, 5, 1})
+    ->Args({20, 5000, 5, 1})
+    ->Args({181, 5000, 5, 1})
+    ->Args({1, 5000, 5, 10})
     ->Iterations(1)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
