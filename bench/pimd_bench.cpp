@@ -260,11 +260,14 @@ class PimdLab {
   bool startFrr() {
     std::ofstream(work_ + "/zebra.conf") << "hostname pimdbench\n";
     std::ofstream(work_ + "/pimd.conf") << "hostname pimdbench\ninterface f0\n ip pim\n ip pim hello 1\n!\n";
-    const std::string exec = "ip netns exec " + ns('f') + " ", w = work_ + "/";
-    return run(exec + zebraPath + " -d -f " + w + "zebra.conf -i " + w + "zebra.pid -z " + w + "zserv.api --vty_socket " +
-               work_ + " --log file:" + w + "zebra.log") &&
-           run(exec + pimdPath + " -d -f " + w + "pimd.conf -i " + w + "pimd.pid -z " + w + "zserv.api --vty_socket " +
-               work_ + " --log file:" + w + "pimd.log");
+    const std::string exec = "ip netns exec " + ns('f') + " ";
+    // The daemon's options: its configuration, pid file, zebra's socket, vtysh's socket directory, log.
+    auto options = [&](const std::string& d) {
+      const std::string w = work_ + "/";
+      return " -d -f " + w + d + ".conf -i " + w + d + ".pid -z " + w + "zserv.api --vty_socket " + work_ +
+             " --log file:" + w + d + ".log";
+    };
+    return run(exec + zebraPath + options("zebra")) && run(exec + pimdPath + options("pimd"));
   }
 
   // The agent in its namespace (`ip netns exec` runs it in its own process), its standard output
