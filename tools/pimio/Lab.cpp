@@ -9,13 +9,14 @@
 //   - pimio-a joins (10.66.0.100, 239.1.1.1) with FRR as upstream: FRR forwards the host's stream
 //     onto the LAN (Join/Prune from pimio, acted on by FRR).
 //   - pimio-b is the RP of 239/8 in FRR's configuration; the host joins 239.1.1.1 with IGMP, so FRR
-//     joins (*,239.1.1.1) toward pimio-b on the LAN (Join/Prune from FRR). The host's stream then
-//     arrives on src0 where that (*,G) expects it on the LAN, which is how pimd learns at once that
-//     the stream comes in on the shortest path (it asserts only for such a stream).
+//     joins (*,239.1.1.1) toward pimio-b on the LAN (Join/Prune from FRR).
+//   - FRR is the source's first hop: it registers the stream with the RP pimio-b (Registers from FRR).
 //   - pimio-bsr originates Bootstraps on up0; FRR forwards them onto the LAN (Bootstrap from FRR).
 //   - pimio-b's namespace puts copies of the host's stream onto the LAN, as a second forwarder of
 //     (10.66.0.100, 239.1.1.1) would; FRR sees its stream arrive on an interface it forwards onto
-//     and asserts there (Assert from FRR).
+//     and asserts there (Assert from FRR). pimd asserts only for a stream that it has seen come in
+//     on the shortest path, which it notes in a periodic scan of its routes: its Assert comes up
+//     to a minute after the stream starts.
 //   - pimio-a and pimio-b run a second agent each for IPv6 on the LAN's link-local addresses (the
 //     FRR packaged here has no IPv6 PIM daemon).
 #include "tools/pimio/Lab.h"
@@ -55,6 +56,7 @@ void onSignal(int) { interrupted = 1; }
 
 constexpr const char* frrLan = "10.97.0.1";
 constexpr const char* frrUp = "10.98.0.1";
+constexpr const char* frrSrc = "10.66.0.1";  // the source's first hop, which registers its stream
 constexpr const char* aLan = "10.97.0.2";
 constexpr const char* bLan = "10.97.0.3";  // also the RP of 239/8
 constexpr const char* bsrUp = "10.98.0.2";
@@ -117,6 +119,7 @@ class Lab {
 
  private:
   std::string ns(const std::string& role) const { return tag_ + "-" + role; }
+  double stepAt(const std::string& name) const;  // when the step passed; -1 while it has not
   void say(const std::string& status, const std::string& name, const std::string& text);
   bool failSetUp(const std::string& step, const std::string& why);
   bool prerequisites();
@@ -152,6 +155,13 @@ class Lab {
   bool forwarding_ = false;  // pimd forwards the stream onto the LAN
   std::string frrVersion_;
 };
+
+double Lab::stepAt(const std::string& name) const {
+  for (const auto& s : steps_) {
+    if (s.name == name) return s.at;
+  }
+  return -1;
+}
 
 void Lab::say(const std::string& status, const std::string& name, const std::string& text) {
   progress_ << '[' << std::fixed << std::setprecision(1) << std::setw(5) << secondsSince(start_) << "s] "
@@ -406,6 +416,11 @@ void Lab::addSteps() {
          return heard("pimio-a", "bootstrap", frrLan, parts, missing) &
                 heard("pimio-b", "bootstrap", frrLan, parts, missing);
        }},
+      {"pimio-gets-register", "FRR's Registers of the host's stream to its RP pimio-b, decoded by pimio-b",
+       [this](std::string& missing) {
+         return heard("pimio-b", "register", frrSrc, {"src=" + std::string(source), "dst=" + std::string(streamGroup)},
+                      missing);
+       }},
       {"pimio-gets-assert", "FRR's Assert for (10.66.0.100, 239.1.1.1), decoded by pimio-a and pimio-b",
        [this](std::string& missing) {
          const std::vector<std::string> parts = {"source=" + std::string(source), streamGroup};
@@ -442,10 +457,8 @@ void Lab::addSteps() {
 }
 
 // Sends one packet of the host's stream once pimd has the host's (*,G) (its Join/Prune reached the
-// agents): the stream's first packets then arrive where that (*,G) does not expect them, and that
-// tells pimd that they come in on the shortest path, which it wants before it asserts (else it
-// learns so only from a scan of its routes, half a minute or more later). Once pimd forwards the
-// stream onto the LAN, also one copy of it onto the LAN from pimio-b's namespace.
+// agents), and once pimd forwards the stream onto the LAN, also one copy of it onto the LAN from
+// pimio-b's namespace.
 void Lab::sendStreams() {
   if (!streaming_) return;
   sockaddr_in to{};
@@ -555,6 +568,7 @@ Json Lab::summary(const std::string& result) const {
     steps.push_back(j);
   }
   Json s = {{"result", result},
+            {"lab", tag_},
             {"seconds", std::round(secondsSince(start_) * 10) / 10},
             {"frr", {{"version", frrVersion_},
                      {"ipv6", "the FRR of this machine has no IPv6 PIM daemon; IPv6 runs between the pimio agents"}}},
@@ -600,7 +614,7 @@ int Lab::run(std::ostream& out) {
     return interrupted ? 130 : 2;
   }
   addSteps();
-  bool joined = false;
+  bool joined = false, waitSaid = false;
   const auto deadline = Clock::now() + std::chrono::duration<double>(options_.timeout);
   nextQuery_ = nextSend_ = Clock::now();
   size_t passed = 0;
@@ -630,6 +644,12 @@ int Lab::run(std::ostream& out) {
       }
       if (s.name == "pimio-gets-join") streaming_ = true;
       if (s.name == "frr-takes-join") forwarding_ = true;
+    }
+    if (!waitSaid && passed + 2 == steps_.size() && stepAt("pimio-gets-assert") < 0) {
+      waitSaid = true;
+      say("wait", "pimio-gets-assert",
+          "pimd asserts once a periodic scan of its routes has seen the stream come in on the shortest path: up to a "
+          "minute");
     }
   }
   for (const auto& s : steps_) {

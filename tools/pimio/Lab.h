@@ -9,7 +9,7 @@ namespace Pimio::Cli {
 
 struct LabOptions {
   bool json = false;          // the summary as one JSON object on the output; progress on the error stream
-  double timeout = 60;        // seconds that the steps after the set-up may take together
+  double timeout = 90;        // seconds that the steps after the set-up may take together
   std::string frrDir = "/usr/lib/frr";  // where zebra and pimd are
   std::string agent;          // the pimio-agent program; empty: beside this program, or the build's
   bool keep = false;          // keep the work directory (configurations, logs, the agents' output)
