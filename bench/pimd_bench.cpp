@@ -62,17 +62,7 @@ constexpr U16 holdtimeForever = 0xffff;
 
 IpGenAddr addr(const char* text) { return *IpGenAddr::parse(text); }
 
-// Runs a shell command bounded in time; its exit status, and its output (stderr too) into `out`.
-int shell(const std::string& command, std::string* out = nullptr) {
-  FILE* f = ::popen(("timeout 10 " + command + " 2>&1").c_str(), "r");
-  if (!f) return -1;
-  char buf[256];
-  std::string text;
-  while (size_t n = std::fread(buf, 1, sizeof(buf), f)) text.append(buf, n);
-  const int status = ::pclose(f);
-  if (out) *out = text;
-  return status;
-}
+using PimTest::shell;
 
 std::string fileText(const std::string& path) {
   std::ifstream f(path);
@@ -142,7 +132,7 @@ struct Cpu {
 class PimdLab {
  public:
   PimdLab() {
-    deleteStale();
+    PimTest::deleteStaleNamespaces("pimdb-");
     base_ = "pimdb-" + std::to_string(::getpid());
     vrf_ = "pimdbench" + std::to_string(::getpid());
     char dir[] = "/tmp/pimio-pimdbench.XXXXXX";
@@ -232,18 +222,6 @@ class PimdLab {
     return false;
   }
 
-  // Namespaces of earlier runs whose process is gone (a run that was killed).
-  static void deleteStale() {
-    DIR* d = ::opendir("/run/netns");
-    if (!d) return;
-    while (dirent* e = ::readdir(d)) {
-      int pid = 0;
-      if (std::sscanf(e->d_name, "pimdb-%d-", &pid) != 1 || pid <= 0) continue;
-      if (::kill(pid, 0) == 0 || errno != ESRCH) continue;
-      shell(std::string("ip netns del ") + e->d_name);
-    }
-    ::closedir(d);
-  }
 
   bool links() {
     const std::string s = "ip -n " + ns('s') + " ", a = "ip -n " + ns('a') + " ", f = "ip -n " + ns('f') + " ";
@@ -528,7 +506,7 @@ int main(int argc, char** argv) {
   for (const char* path : {Routing::Pim::IO::zebraPath, Routing::Pim::IO::pimdPath}) {
     if (why.empty() && ::access(path, X_OK) != 0) why = std::string("needs FRRouting (") + path + ")";
   }
-  if (why.empty() && Routing::Pim::IO::shell("vtysh --help") != 0) why = "needs FRRouting's vtysh";
+  if (why.empty() && PimTest::shell("vtysh --help") != 0) why = "needs FRRouting's vtysh";
   if (!why.empty()) {
     std::cerr << "pimd_bench: skipped, it " << why << "\n";
     return 0;

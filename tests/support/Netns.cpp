@@ -23,8 +23,11 @@ namespace {
 
 constexpr const char* timeoutPrefix = "timeout 10 ";
 
-// Runs a shell command bounded in time; its output (stdout and stderr) into `out`.
-int shell(const std::string& command, std::string* out = nullptr) {
+Knet::IpGenAddr parsed(const char* text) { return Knet::IpGenAddr::parse(text).value_or(Knet::IpGenAddr()); }
+
+}  // namespace
+
+int shell(const std::string& command, std::string* out) {
   FILE* f = ::popen((timeoutPrefix + command + " 2>&1").c_str(), "r");
   if (!f) return -1;
   char buf[256];
@@ -35,22 +38,18 @@ int shell(const std::string& command, std::string* out = nullptr) {
   return status;
 }
 
-// Deletes the lab namespaces of test processes that are gone (a test that crashed mid-way).
-void deleteStale() {
+void deleteStaleNamespaces(const std::string& prefix) {
   DIR* d = ::opendir("/run/netns");
   if (!d) return;
   while (dirent* e = ::readdir(d)) {
     int pid = 0;
-    if (std::sscanf(e->d_name, "pimio-%d-", &pid) != 1 || pid <= 0) continue;
+    if (std::strncmp(e->d_name, prefix.c_str(), prefix.size()) != 0) continue;
+    if (std::sscanf(e->d_name + prefix.size(), "%d-", &pid) != 1 || pid <= 0) continue;
     if (::kill(pid, 0) == 0 || errno != ESRCH) continue;
     shell(std::string("ip netns del ") + e->d_name);
   }
   ::closedir(d);
 }
-
-Knet::IpGenAddr parsed(const char* text) { return Knet::IpGenAddr::parse(text).value_or(Knet::IpGenAddr()); }
-
-}  // namespace
 
 std::string NetnsLab::unavailableReason() {
   if (::geteuid() != 0) return "needs root to make network namespaces and raw sockets";
@@ -65,7 +64,7 @@ bool NetnsLab::required() {
 
 NetnsLab::NetnsLab() {
   static std::atomic<int> labs{0};
-  deleteStale();
+  deleteStaleNamespaces("pimio-");
   const std::string base = "pimio-" + std::to_string(::getpid()) + "-" + std::to_string(labs++);
   nsA_ = base + "-a";
   nsB_ = base + "-b";

@@ -12,6 +12,11 @@
 
 namespace PimTest {
 
+// Runs a shell command bounded in time (10 s); its exit status, its output (stdout and stderr) into `out`.
+int shell(const std::string& command, std::string* out = nullptr);
+// Deletes the namespaces named PREFIX<pid>-... of processes that are gone (a run that crashed mid-way).
+void deleteStaleNamespaces(const std::string& prefix);
+
 class NetnsLab {
  public:
   NetnsLab();
