@@ -184,22 +184,29 @@ const Knet::PimCommonHdr* IOSm::peekPimHeader(const Loom::Ptr<RxPktContext>& ctx
 
 bool IOSm::validateRxInterface(const Loom::Ptr<RxPktContext>& ctx) {
   const Knet::PimMessageType t = ctx->pimHdr()->messageType();
-  const auto k = pimPamManager_->kernelIntf(ctx->ifIndex());
-  if (!k) {
-    PIMIO_TRACE(1, "RX: Error - Invalid Kernel Interface - Id: " << ctx->ifIndex());
-    updateCounter(rx, t, none, Knet::IntfId::empty(), invalid);
-    return false;
+  if (const RxIntf* r = rxIntf(ctx->ifIndex())) {
+    ctx->kIntfIs(r->kIntf);
+    ctx->pIntfIs(r->pIntf);
+    ctx->pimIntfIs(r->pimIntf);
+  } else {
+    const auto k = pimPamManager_->kernelIntf(ctx->ifIndex());
+    if (!k) {
+      PIMIO_TRACE(1, "RX: Error - Invalid Kernel Interface - Id: " << ctx->ifIndex());
+      updateCounter(rx, t, none, Knet::IntfId::empty(), invalid);
+      return false;
+    }
+    ctx->kIntfIs(k);
+    const auto p = pimPamManager_->intf(ctx->intfId());
+    if (!p) {
+      PIMIO_TRACE(1, "RX: Error - Invalid Interface - Id: " << ctx->intfId());
+      updateCounter(rx, t, none, Knet::IntfId::empty(), invalid);
+      return false;
+    }
+    ctx->pIntfIs(p);
+    if (pimStatus_) ctx->pimIntfIs(pimStatus_->pimIntf(ctx->intfId()));
+    rxIntfIs(ctx->ifIndex(), k, p, ctx->pimIntf());
   }
-  ctx->kIntfIs(k);
   const Knet::IntfId& intfId = ctx->intfId();
-  const auto p = pimPamManager_->intf(intfId);
-  if (!p) {
-    PIMIO_TRACE(1, "RX: Error - Invalid Interface - Id: " << intfId);
-    updateCounter(rx, t, none, Knet::IntfId::empty(), invalid);
-    return false;
-  }
-  ctx->pIntfIs(p);
-  if (pimStatus_) ctx->pimIntfIs(pimStatus_->pimIntf(intfId));
   if (!linkLocal(t)) return true;
   const auto& pimIntf = ctx->pimIntf();
   if (!pimIntf) {

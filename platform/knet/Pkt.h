@@ -52,6 +52,12 @@ class Pkt : public Loom::PtrInterface {
   // Cuts the packet to n bytes, or extends it with zero bytes.
   void sizeIs(U32 n);
 
+  // The buffer's whole size, head room and tail room included.
+  U32 capacity() const { return buf_->capacity(); }
+  // Makes the window `size` bytes from the start of the buffer, without touching the bytes: a
+  // receive slot hands the same packet out again once no one holds it.
+  void windowIs(U32 size);
+
   bool dataShared() const { return buf_->references() > 1; }
   // A new Pkt over the same bytes: no copy.
   Loom::Ptr<Pkt> sharedPkt() const { return new Pkt(buf_, head_, size_); }
