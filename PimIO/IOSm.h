@@ -321,6 +321,12 @@ class IOSm : public Loom::Entity {
   bool initialized_ = false;
   bool active_ = false;
   std::vector<RxIntf> rxIntf_;  // by kernel index
+  // A Hello's message object is used again once its slot and the agent have let it go: the one
+  // decoded for the packet in hand (to tell it from a message made elsewhere), the one last handed
+  // over, and the one waiting to be decoded into.
+  Packet::HelloMessage* decodedHello_ = nullptr;
+  Loom::Ptr<Packet::HelloMessage> handedHello_;
+  Loom::Ptr<Packet::HelloMessage> spareHello_;
   IntfCounters totalCounters_;
   std::unordered_map<Knet::IntfId, IntfCounters> intfCounters_;  // nodes stay put: handles are kept
   IntfCounters* lastIntfCounters_ = nullptr;

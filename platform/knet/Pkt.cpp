@@ -16,12 +16,6 @@ void Pkt::reallocate(U32 headRoom, U32 tailRoom) {
   head_ = headRoom;
 }
 
-void Pkt::windowIs(U32 size) {
-  LOOM_ASSERT(size <= buf_->capacity(), "a packet window beyond its buffer");
-  head_ = 0;
-  size_ = size;
-}
-
 void Pkt::headAdd(U32 n) {
   if (n > head_ || dataShared()) reallocate(std::max(n, defaultHeadRoom), tailRoom());
   head_ -= n;

@@ -303,6 +303,36 @@ TEST(ReceivePath, AnInterfaceChangeShowsOnTheNextPacket) {
   }
 }
 
+// A Hello's message object serves again once its slot and the agent have let it go: what the agent
+// keeps stays as it arrived, and what it reads is the packet's alone (nothing left over from an
+// earlier Hello). Hold times 1 to 6; the first carries a secondary address; the agent keeps the
+// third.
+TEST(ReceivePath, HellosTheAgentKeepsStayAsTheyArrived) {
+  Queues f;
+  f.manager->intfIs(eth1)->ifIndexIs(eth1Index);
+  const auto slot = messageInfoFactory();
+  f.manager->rxMessageInfoIs(Knet::pimHello().type(), slot);
+  struct Reader : MessageInfo::Notifiee {
+    std::vector<std::pair<U16, size_t>> seen;  // hold time, secondary addresses
+    Loom::Ptr<Packet::HelloMessage> kept;
+    void onCount() override {
+      const auto hello = notifier()->helloMessage();
+      seen.emplace_back(hello->holdTime(), hello->secondaryAddr().size());
+      if (seen.size() == 3) kept = hello;
+    }
+  } reader;
+  reader.notifierIs(slot);
+  reader.hasNotificationActiveIs(true);
+  for (U8 holdTime = 1; holdTime <= 6; ++holdTime) {
+    Bytes b = {0x20, 0, 0, 0, 0, 1, 0, 2, 0, holdTime};
+    if (holdTime == 1) b = concat({b, {0, 24, 0, 6, 1, 0, 192, 168, 1, 1}});
+    f.io->processPkt(rxPktContextFactory(Knet::RxPkt{pkt(ipv4(b, allPimRouters)), eth1Index, peer, allPimRouters}));
+  }
+  EXPECT_EQ(reader.seen, (std::vector<std::pair<U16, size_t>>{{1, 1}, {2, 0}, {3, 0}, {4, 0}, {5, 0}, {6, 0}}));
+  ASSERT_TRUE(reader.kept);
+  EXPECT_EQ(reader.kept->holdTime(), 3);
+}
+
 // A Hello from a filtered address with one secondary address that passes is taken, and decoded
 // once; a Hello none of whose addresses passes is filtered.
 TEST(ReceivePath, HelloRescuedByASecondaryAddress) {
