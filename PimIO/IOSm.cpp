@@ -33,6 +33,8 @@ class IOSm::LoomPimPamManager : public PamManager::Notifiee {
   void onPam() override { sm_->loom_PamInIs(notifier()->pam().ptr()); }
   void onTxMessageInfo() override { sm_->loom_TxMessageInfoInIs(notifier()->txMessageInfo()); }
   void onRxMessageInfo(Packet::MessageType) override { sm_->handlePamFilter(); }
+  void onIntf(const Knet::IntfId&) override { sm_->rxIntfDelAll(); }
+  void onKernelIntf(U32) override { sm_->rxIntfDelAll(); }
   // On a new manager: its socket and its transmit record, as if both had just changed.
   void catchUp() {
     onPam();
@@ -47,6 +49,7 @@ class IOSm::LoomPimStatus : public Status::Notifiee {
  public:
   explicit LoomPimStatus(IOSm* sm) : sm_(sm) {}
   void onPimIntf(const Knet::IntfId& id) override {
+    sm_->rxIntfDelAll();
     sm_->handlePimInterface(id);
     if (auto intf = notifier()->pimIntf(id)) {
       sm_->pimIntfIs(intf);
@@ -202,6 +205,7 @@ Loom::Ptr<IOSm> iOSmFactory(Loom::Ptr<PamManager> pimPamManager, Loom::Ptr<Cask:
 void IOSm::pimPamManagerIs(const Loom::Ptr<PamManager>& m) {
   if (m == pimPamManager_) return;
   pimPamManager_ = m;
+  rxIntfDelAll();
   if (!m) {
     loom_PamIn_.reset();
     loom_TxMessageInfoIn_.reset();
@@ -212,6 +216,7 @@ void IOSm::pimPamManagerIs(const Loom::Ptr<PamManager>& m) {
 void IOSm::pimStatusIs(const Loom::Ptr<const Status>& s) {
   if (s == pimStatus_) return;
   pimStatus_ = s;
+  rxIntfDelAll();
   reactorIs(loomPimStatus_, s, true);
   if (!s) pimIntfDelAll();
 }
@@ -246,6 +251,7 @@ void IOSm::pimIntfDelAll() { pimIntf_.clear(); }
 
 void IOSm::hasNotificationActiveIs(bool v) {
   active_ = v;
+  rxIntfDelAll();
   if (loomPimPamManager_) loomPimPamManager_->hasNotificationActiveIs(v);
   if (loomPimStatus_) loomPimStatus_->hasNotificationActiveIs(v);
   if (loomKernelIntfStatusDir_) loomKernelIntfStatusDir_->hasNotificationActiveIs(v);
@@ -253,6 +259,13 @@ void IOSm::hasNotificationActiveIs(bool v) {
   if (loom_PamIn_) loom_PamIn_->hasNotificationActiveIs(v);
   if (loom_TxMessageInfoIn_) loom_TxMessageInfoIn_->hasNotificationActiveIs(v);
   for (auto& [id, sm] : pimIntf_) sm->hasNotificationActiveIs(v);
+}
+
+void IOSm::rxIntfIs(U32 ifIndex, const Loom::Ptr<const KernelIntf>& k, const Loom::Ptr<const Intf>& p,
+                    const Loom::Ptr<const Pim::Intf>& pim) {
+  if (!active_ || ifIndex >= rxIntfIndexLimit) return;
+  if (ifIndex >= rxIntf_.size()) rxIntf_.resize(ifIndex + 1);
+  rxIntf_[ifIndex] = RxIntf{k, k->renames(), p, pim};
 }
 
 void IOSm::loomDoZombieReactors(bool zombie) {

@@ -156,6 +156,30 @@ class IOSm : public Loom::Entity {
   void pimIntfDel(const Knet::IntfId& id);
   void pimIntfDelAll();
 
+  // What the receive path needs of the interface behind one kernel index, found once and then
+  // read by index: the manager's kernel and I/O interfaces and the PIM interface of the status
+  // (null when PIM is off there). The reactors that see the manager's interface tables and the
+  // PIM status change drop every record; a record whose kernel interface has since been given
+  // another name is not used. Only an active machine keeps records (an inactive one would not
+  // hear of changes).
+  struct RxIntf {
+    Loom::Ptr<const KernelIntf> kIntf;
+    U32 renames = 0;  // kIntf's renames() when the record was made
+    Loom::Ptr<const Intf> pIntf;
+    Loom::Ptr<const Pim::Intf> pimIntf;
+  };
+  // Kernel indexes from this one on are looked up every time.
+  static constexpr U32 rxIntfIndexLimit = 4096;
+  // The record of `ifIndex`, null when there is none or it no longer holds.
+  const RxIntf* rxIntf(U32 ifIndex) const {
+    if (ifIndex >= rxIntf_.size()) return nullptr;
+    const RxIntf& r = rxIntf_[ifIndex];
+    return r.kIntf && r.kIntf->renames() == r.renames ? &r : nullptr;
+  }
+  void rxIntfIs(U32 ifIndex, const Loom::Ptr<const KernelIntf>& k, const Loom::Ptr<const Intf>& p,
+                const Loom::Ptr<const Pim::Intf>& pim);
+  void rxIntfDelAll() { rxIntf_.clear(); }
+
   // The state machine and every reactor it owns forward callbacks only while active.
   bool hasNotificationActive() const { return active_; }
   void hasNotificationActiveIs(bool v);
@@ -296,6 +320,13 @@ class IOSm : public Loom::Entity {
   std::set<Knet::IntfId> allPimRoutersMember_;
   bool initialized_ = false;
   bool active_ = false;
+  std::vector<RxIntf> rxIntf_;  // by kernel index
+  // A Hello's message object is used again once its slot and the agent have let it go: the one
+  // decoded for the packet in hand (to tell it from a message made elsewhere), the one last handed
+  // over, and the one waiting to be decoded into.
+  Packet::HelloMessage* decodedHello_ = nullptr;
+  Loom::Ptr<Packet::HelloMessage> handedHello_;
+  Loom::Ptr<Packet::HelloMessage> spareHello_;
   IntfCounters totalCounters_;
   std::unordered_map<Knet::IntfId, IntfCounters> intfCounters_;  // nodes stay put: handles are kept
   IntfCounters* lastIntfCounters_ = nullptr;

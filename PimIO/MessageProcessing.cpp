@@ -29,7 +29,15 @@ U32 IOSm::decode(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType type, 
                  const Loom::Ptr<Boundary::IntfBoundary>& boundary, Loom::Ptr<Packet::Message>& msg) {
   const Packet::MessageClass* row = Packet::messageClass(type, subtype);
   LOOM_ASSERT(row, "a message class for every processed type");
-  msg = row->create();
+  if (type == Knet::pimHello()) {
+    // A spare is held by nobody else: it is made as new again.
+    if (spareHello_) *spareHello_ = Packet::HelloMessage();
+    Loom::Ptr<Packet::HelloMessage> hello = spareHello_ ? std::move(spareHello_) : Packet::helloMessageFactory();
+    decodedHello_ = hello.ptr();
+    msg = std::move(hello);
+  } else {
+    msg = row->create();
+  }
   msg->srcIpIs(ctx->srcIp());
   msg->dstIpIs(ctx->dstIp());
   if (type == Knet::pimJoinPrune()) static_cast<Packet::JoinPruneMessage&>(*msg).bidirIs(bidir_);

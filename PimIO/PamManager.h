@@ -32,11 +32,18 @@ class KernelIntf : public Loom::Entity {
   explicit KernelIntf(U32 ifIndex) : ifIndex_(ifIndex) {}
   U32 ifIndex() const { return ifIndex_; }
   const Knet::IntfId& intfId() const { return intfId_; }
-  void intfIdIs(const Knet::IntfId& id) { intfId_ = id; }
+  void intfIdIs(const Knet::IntfId& id) {
+    if (id == intfId_) return;
+    intfId_ = id;
+    ++renames_;
+  }
+  // Changes of intfId so far: whoever keeps what it found under the old name can tell it is stale.
+  U32 renames() const { return renames_; }
 
  private:
   const U32 ifIndex_;
   Knet::IntfId intfId_;
+  U32 renames_ = 0;
 };
 
 // Packets seen, handled to the end, and failed.

@@ -60,10 +60,12 @@ void IOSm::rxPkt() {
   while (now() < deadline) {
     if (pimAttrLogSm_ && pimAttrLogSm_->isAttrLogOutClogged()) break;
     if (pam->rxPktBatch(rxBatch_, Knet::IpPam::maxBatch) == 0) break;
-    for (const Knet::RxPkt& p : rxBatch_) {
+    for (size_t i = 0; i < rxBatch_.size(); ++i) {
+      // The next packet's first bytes, on their way to the cache while this one is processed.
+      if (i + 1 < rxBatch_.size()) __builtin_prefetch(rxBatch_[i + 1].pkt->data());
       if (counter) counter->countInc(1);
       ++n;
-      processPkt(rxPktContextFactory(p));
+      processPkt(rxPktContextFactory(rxBatch_[i]));
     }
     rxBatch_.clear();
   }
@@ -73,6 +75,7 @@ void IOSm::rxPkt() {
 }
 
 void IOSm::processPkt(const Loom::Ptr<RxPktContext>& ctx) {
+  decodedHello_ = nullptr;
   if (!readIpHeader(ctx)) return;
   const Knet::PimCommonHdr* hdr = peekPimHeader(ctx);
   if (!hdr) return;
@@ -133,6 +136,11 @@ void IOSm::handOver(const Loom::Ptr<RxPktContext>& ctx, Knet::PimMessageType t) 
   slot->intfIdIs(ctx->intfId());
   slot->messageIs(msg);
   slot->countInc(1);
+  if (msg.ptr() != decodedHello_) return;
+  // The Hello handed over before this one is free for the next decode once no one else holds it.
+  Loom::Ptr<Packet::HelloMessage> previous = std::move(handedHello_);
+  handedHello_ = decodedHello_;
+  if (previous && previous->references() == 1) spareHello_ = std::move(previous);
 }
 
 bool IOSm::readIpHeader(const Loom::Ptr<RxPktContext>& ctx) {
@@ -184,22 +192,29 @@ const Knet::PimCommonHdr* IOSm::peekPimHeader(const Loom::Ptr<RxPktContext>& ctx
 
 bool IOSm::validateRxInterface(const Loom::Ptr<RxPktContext>& ctx) {
   const Knet::PimMessageType t = ctx->pimHdr()->messageType();
-  const auto k = pimPamManager_->kernelIntf(ctx->ifIndex());
-  if (!k) {
-    PIMIO_TRACE(1, "RX: Error - Invalid Kernel Interface - Id: " << ctx->ifIndex());
-    updateCounter(rx, t, none, Knet::IntfId::empty(), invalid);
-    return false;
+  if (const RxIntf* r = rxIntf(ctx->ifIndex())) {
+    ctx->kIntfIs(r->kIntf);
+    ctx->pIntfIs(r->pIntf);
+    ctx->pimIntfIs(r->pimIntf);
+  } else {
+    const auto k = pimPamManager_->kernelIntf(ctx->ifIndex());
+    if (!k) {
+      PIMIO_TRACE(1, "RX: Error - Invalid Kernel Interface - Id: " << ctx->ifIndex());
+      updateCounter(rx, t, none, Knet::IntfId::empty(), invalid);
+      return false;
+    }
+    ctx->kIntfIs(k);
+    const auto p = pimPamManager_->intf(ctx->intfId());
+    if (!p) {
+      PIMIO_TRACE(1, "RX: Error - Invalid Interface - Id: " << ctx->intfId());
+      updateCounter(rx, t, none, Knet::IntfId::empty(), invalid);
+      return false;
+    }
+    ctx->pIntfIs(p);
+    if (pimStatus_) ctx->pimIntfIs(pimStatus_->pimIntf(ctx->intfId()));
+    rxIntfIs(ctx->ifIndex(), k, p, ctx->pimIntf());
   }
-  ctx->kIntfIs(k);
   const Knet::IntfId& intfId = ctx->intfId();
-  const auto p = pimPamManager_->intf(intfId);
-  if (!p) {
-    PIMIO_TRACE(1, "RX: Error - Invalid Interface - Id: " << intfId);
-    updateCounter(rx, t, none, Knet::IntfId::empty(), invalid);
-    return false;
-  }
-  ctx->pIntfIs(p);
-  if (pimStatus_) ctx->pimIntfIs(pimStatus_->pimIntf(intfId));
   if (!linkLocal(t)) return true;
   const auto& pimIntf = ctx->pimIntf();
   if (!pimIntf) {

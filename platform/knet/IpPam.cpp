@@ -73,16 +73,15 @@ int cmsgInt(const cmsghdr* c) {
 // Room for the control messages one received packet may carry: the packet info and two integers.
 constexpr size_t rxControlSize = CMSG_SPACE(sizeof(in6_pktinfo)) + 2 * CMSG_SPACE(sizeof(int)) + 32;
 
-// The receive buffers of one batch: recvmmsg writes the packets here and rxPktBatch copies each
-// into a Pkt of its own size.
-// One receive slot per packet of a batch. Each slot's buffer is handed out with its packet and
-// taken back for the next batch when no one holds it any more (the common case: the receive path
-// keeps only what it decoded); a buffer still held is left to its holder and the slot gets a new one.
+// One receive slot per packet of a batch. Each slot's packet (and its buffer) is handed out and
+// taken back for the next batch when no one holds either any more (the common case: the receive
+// path keeps only what it decoded); a packet or buffer still held is left to its holder and the
+// slot gets a new one.
 struct IpPam::RxSlots {
-  RxSlots(size_t count, U32 dataSize) : dataSize(dataSize), buffers(count), msgs(count), iov(count), names(count),
+  RxSlots(size_t count, U32 dataSize) : dataSize(dataSize), pkts(count), msgs(count), iov(count), names(count),
         control(count) {}
   U32 dataSize;
-  std::vector<Loom::Ptr<PktBuffer>> buffers;
+  std::vector<Loom::Ptr<Pkt>> pkts;
   std::vector<mmsghdr> msgs;
   std::vector<iovec> iov;
   std::vector<sockaddr_in6> names;
@@ -323,9 +322,12 @@ size_t IpPam::rxPktBatch(std::vector<RxPkt>& out, size_t max) {
   if (!rx_ || rx_->msgs.size() < max) rx_ = std::make_unique<RxSlots>(std::max(max, size_t(8)), maxRxPktData_);
   RxSlots& s = *rx_;
   for (size_t i = 0; i < max; ++i) {
-    Loom::Ptr<PktBuffer>& b = s.buffers[i];
-    if (!b || b->references() > 1) b = new PktBuffer(s.dataSize, PktBuffer::Unzeroed());
-    s.iov[i] = {b->bytes(), s.dataSize};
+    Loom::Ptr<Pkt>& p = s.pkts[i];
+    if (!p || p->references() > 1 || p->dataShared() || p->capacity() != s.dataSize) {
+      p = new Pkt(new PktBuffer(s.dataSize, PktBuffer::Unzeroed()), 0, s.dataSize);
+    }
+    p->windowIs(s.dataSize);
+    s.iov[i] = {p->data(), s.dataSize};
     msghdr& h = s.msgs[i].msg_hdr;
     h = msghdr{};
     h.msg_name = &s.names[i];
@@ -358,7 +360,8 @@ size_t IpPam::rxPktBatch(std::vector<RxPkt>& out, size_t max) {
       continue;
     }
     RxPkt& r = out.emplace_back();
-    r.pkt = new Pkt(s.buffers[i], 0, len);
+    s.pkts[i]->windowIs(len);
+    r.pkt = s.pkts[i];
     if (af == AddressFamily::ipv4) {
       const auto* from = reinterpret_cast<const sockaddr_in*>(&s.names[i]);
       r.src = IpGenAddr::fromBytes(AddressFamily::ipv4, reinterpret_cast<const U8*>(&from->sin_addr));

@@ -2,6 +2,7 @@
 // Packet buffers. A Pkt is a window (head offset, size) on a reference-counted byte buffer with
 // room in front for headers added later. Several Pkts may share one buffer (sharedPkt()); the
 // first write through a shared Pkt should call dataUniqueIs() to get bytes of its own.
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <span>
@@ -51,6 +52,15 @@ class Pkt : public Loom::PtrInterface {
   void delSharedHeadData(U32 n);
   // Cuts the packet to n bytes, or extends it with zero bytes.
   void sizeIs(U32 n);
+
+  // The buffer's whole size, head room and tail room included.
+  U32 capacity() const { return buf_->capacity(); }
+  // Makes the window `size` bytes from the start of the buffer, without touching the bytes: a
+  // receive slot hands the same packet out again once no one holds it.
+  void windowIs(U32 size) {
+    head_ = 0;
+    size_ = std::min(size, buf_->capacity());
+  }
 
   bool dataShared() const { return buf_->references() > 1; }
   // A new Pkt over the same bytes: no copy.

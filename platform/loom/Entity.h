@@ -47,6 +47,7 @@ class NotifieeList {
   // Calls fn(args...) on every active notifiee registered when the call began.
   template <class Fn, class... Args>
   void notify(Fn fn, Args&&... args) {
+    if (list_.empty()) return;  // the common case of an attribute nobody watches
     ++depth_;
     const size_t end = list_.size();
     for (size_t i = 0; i < end; ++i) {

@@ -3,6 +3,8 @@
 // as a peer sends them; counts are read back from the real shared-memory table.
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "PimMessage/DfElectionMessage.h"
 #include "support/PimBytes.h"
 #include "support/IOSmAgent.h"
@@ -225,6 +227,110 @@ TEST(ReceivePath, EveryCheckLandsInItsSlotOrCounter) {
   const auto law = f.io->rxAccounting();
   EXPECT_TRUE(law.balanced()) << law;
   EXPECT_EQ(law.read, std::size(rows));
+}
+
+// The receive path keeps what it found for a kernel index: every change of the tables it found
+// it in shows on the next packet. Each row sends a packet that is handed over (and leaves its
+// record), changes the tables, and sends the same packet again: where that one lands.
+TEST(ReceivePath, AnInterfaceChangeShowsOnTheNextPacket) {
+  const Knet::IntfId eth4("eth4");
+  const Bytes hello = ipv4(helloBytes(), allPimRouters);
+  const Bytes joinPrune = ipv4(joinPruneBytes("239.2.2.2"), allPimRouters);
+  enum Lands { handedOnEth1, handedOnEth4, invalid, parked };
+  const struct {
+    const char* name;
+    const Bytes& bytes;
+    std::function<void(Queues&, const std::function<void()>& send)> change;
+    Lands lands;
+    std::string text;  // the line that says so ("" for a hand-over)
+  } rows[] = {
+      {"nothing changed", hello, [](Queues&, auto&) {}, handedOnEth1, ""},
+      {"kernel interface deleted", hello, [](Queues& f, auto&) { f.manager->kernelIntfDel(eth1Index); }, invalid,
+       "RX: Error - Invalid Kernel Interface - Id: 7"},
+      {"kernel index given to another name", hello,
+       [](Queues& f, auto&) { f.manager->kernelIntf(eth1Index)->intfIdIs(Knet::IntfId("eth2")); }, invalid,
+       "RX: Error - Invalid Interface - Id: eth2"},
+      {"kernel index given to another PIM interface", hello,
+       [&](Queues& f, auto&) { f.manager->kernelIntf(eth1Index)->intfIdIs(eth4); }, handedOnEth4, ""},
+      {"interface deleted", hello, [](Queues& f, auto&) { f.manager->intfDel(eth1); }, invalid,
+       "RX: Error - Invalid Interface - Id: eth1"},
+      {"PIM disabled", hello, [](Queues& f, auto&) { f.status->pimIntfDel(eth1); }, invalid,
+       "RX: Error - Invalid Pim Interface - Type: hello Id: eth1"},
+      {"PIM enabled again, its neighbors not known yet", joinPrune,
+       [](Queues& f, auto&) { f.status->pimIntfDel(eth1), f.status->pimIntfIs(eth1); }, parked,
+       "RX: queuing PIM joinPrune packet for processing when neighbor eth1 neighbor 10.0.0.2 shows up on interface eth1"},
+      {"another PIM status, without the interface", hello,
+       [](Queues& f, auto&) { f.io->pimStatusIs(statusFactory("blue")); }, invalid,
+       "RX: Error - Invalid Pim Interface - Type: hello Id: eth1"},
+      {"PIM disabled while the machine is inactive", hello,
+       [](Queues& f, auto& send) {
+         f.io->hasNotificationActiveIs(false);
+         send();  // found afresh, and not kept: nothing tells an inactive machine of the change
+         f.status->pimIntfDel(eth1);
+       },
+       invalid,
+       "RX: Error - Invalid Pim Interface - Type: hello Id: eth1"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Queues f;
+    f.manager->intfIs(eth1)->ifIndexIs(eth1Index);
+    f.manager->intfIs(eth4)->ifIndexIs(11);
+    f.status->pimIntf(eth1)->neighborIs(peer, true);
+    f.status->pimIntfIs(eth4)->neighborIs(peer, true);
+    f.manager->rxMessageInfoIs(Knet::pimHello().type(), messageInfoFactory());
+    const auto send = [&] {
+      f.manager->rxPamCounter()->countInc(1);
+      f.io->processPkt(rxPktContextFactory(Knet::RxPkt{pkt(row.bytes), eth1Index, peer, allPimRouters}));
+    };
+    const Knet::PimMessageType t(row.bytes[20]);
+    const auto onEth4 = [&] { return f.counters->msgCounter({eth4, t.type(), CounterKey::anySubtype}).rxValid; };
+    send();
+    ASSERT_EQ(f.count(t).rxValid, 1u);
+    row.change(f, send);
+    const auto before = f.io->rxAccounting();
+    const U32 eth1Before = f.count(t).rxValid, eth4Before = onEth4();
+    Loom::TraceCapture cap(1);
+    send();
+    const auto after = f.io->rxAccounting();
+    EXPECT_EQ(f.count(t).rxValid - eth1Before, row.lands == handedOnEth1 ? 1u : 0u);
+    EXPECT_EQ(onEth4() - eth4Before, row.lands == handedOnEth4 ? 1u : 0u);
+    EXPECT_EQ(after.invalid - before.invalid, row.lands == invalid ? 1u : 0u);
+    EXPECT_EQ(after.parked - before.parked, row.lands == parked ? 1u : 0u);
+    EXPECT_TRUE(after.balanced()) << after;
+    const Lines got = lines(cap, 1);
+    EXPECT_EQ(got, row.text.empty() ? Lines{} : Lines{"<Vrf:blue> " + row.text});
+  }
+}
+
+// A Hello's message object serves again once its slot and the agent have let it go: what the agent
+// keeps stays as it arrived, and what it reads is the packet's alone (nothing left over from an
+// earlier Hello). Hold times 1 to 6; the first carries a secondary address; the agent keeps the
+// third.
+TEST(ReceivePath, HellosTheAgentKeepsStayAsTheyArrived) {
+  Queues f;
+  f.manager->intfIs(eth1)->ifIndexIs(eth1Index);
+  const auto slot = messageInfoFactory();
+  f.manager->rxMessageInfoIs(Knet::pimHello().type(), slot);
+  struct Reader : MessageInfo::Notifiee {
+    std::vector<std::pair<U16, size_t>> seen;  // hold time, secondary addresses
+    Loom::Ptr<Packet::HelloMessage> kept;
+    void onCount() override {
+      const auto hello = notifier()->helloMessage();
+      seen.emplace_back(hello->holdTime(), hello->secondaryAddr().size());
+      if (seen.size() == 3) kept = hello;
+    }
+  } reader;
+  reader.notifierIs(slot);
+  reader.hasNotificationActiveIs(true);
+  for (U8 holdTime = 1; holdTime <= 6; ++holdTime) {
+    Bytes b = {0x20, 0, 0, 0, 0, 1, 0, 2, 0, holdTime};
+    if (holdTime == 1) b = concat({b, {0, 24, 0, 6, 1, 0, 192, 168, 1, 1}});
+    f.io->processPkt(rxPktContextFactory(Knet::RxPkt{pkt(ipv4(b, allPimRouters)), eth1Index, peer, allPimRouters}));
+  }
+  EXPECT_EQ(reader.seen, (std::vector<std::pair<U16, size_t>>{{1, 1}, {2, 0}, {3, 0}, {4, 0}, {5, 0}, {6, 0}}));
+  ASSERT_TRUE(reader.kept);
+  EXPECT_EQ(reader.kept->holdTime(), 3);
 }
 
 // A Hello from a filtered address with one secondary address that passes is taken, and decoded
