@@ -47,8 +47,9 @@ Keel::Time IOSm::now() const {
   return unresTimer_ && unresTimer_->timerWheel() ? unresTimer_->timerWheel()->clock().now() : Keel::monotonicNow();
 }
 
-// One slice: batches of packets until the deadline, an empty socket or the attribute log's
-// back-pressure. What a slice leaves stays in the kernel; the socket's readiness brings it back.
+// One slice: batches of packets until the deadline, an empty socket (a batch short of the
+// most) or the attribute log's back-pressure. What a slice leaves stays in the kernel; the
+// socket's readiness brings it back.
 void IOSm::rxPkt() {
   trace(8, "rxPkt");
   Knet::IpPam* pam = pimPam();
@@ -59,7 +60,8 @@ void IOSm::rxPkt() {
   U32 n = 0;
   while (now() < deadline) {
     if (pimAttrLogSm_ && pimAttrLogSm_->isAttrLogOutClogged()) break;
-    if (pam->rxPktBatch(rxBatch_, Knet::IpPam::maxBatch) == 0) break;
+    const size_t got = pam->rxPktBatch(rxBatch_, Knet::IpPam::maxBatch);
+    if (got == 0) break;
     for (size_t i = 0; i < rxBatch_.size(); ++i) {
       // The next packet's first bytes, on their way to the cache while this one is processed.
       if (i + 1 < rxBatch_.size()) __builtin_prefetch(rxBatch_[i + 1].pkt->data());
@@ -68,6 +70,9 @@ void IOSm::rxPkt() {
       processPkt(rxPktContextFactory(rxBatch_[i]));
     }
     rxBatch_.clear();
+    // A short batch emptied the socket: what arrives meanwhile wakes the loop again, and asking
+    // now would mostly cost one more system call per wake-up.
+    if (got < Knet::IpPam::maxBatch) break;
   }
   PIMIO_TRACE(3, "Processed " << n << " messages.");
   Loom::RingLog::instance().write(pimIoTrace.name(), 8, __func__,
