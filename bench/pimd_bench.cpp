@@ -89,35 +89,36 @@ double statCpuNs(int pid) {
   return double(utime + stime) * 1e9 / double(::sysconf(_SC_CLK_TCK));
 }
 
-double schedCpuNs(int pid) {
+// The sum of `f` over the threads of a process (f gets the thread's /proc directory).
+template <class F>
+double overTasks(int pid, F f) {
   const std::string dir = "/proc/" + std::to_string(pid) + "/task";
   DIR* d = ::opendir(dir.c_str());
   if (!d) return -1;
-  double ns = 0;
+  double sum = 0;
   while (dirent* e = ::readdir(d)) {
-    if (e->d_name[0] == '.') continue;
-    ns += std::strtod(fileText(dir + "/" + e->d_name + "/schedstat").c_str(), nullptr);
+    if (e->d_name[0] != '.') sum += f(dir + "/" + e->d_name);
   }
   ::closedir(d);
-  return ns;
+  return sum;
+}
+
+double schedCpuNs(int pid) {
+  return overTasks(pid, [](const std::string& task) {
+    return std::strtod(fileText(task + "/schedstat").c_str(), nullptr);
+  });
 }
 
 // Times the threads of a process went to sleep (voluntary context switches of /proc/PID/task/*/status):
 // to wait for input, so the wakeups that a flood costs it.
 double sleeps(int pid) {
-  const std::string dir = "/proc/" + std::to_string(pid) + "/task";
-  DIR* d = ::opendir(dir.c_str());
-  if (!d) return -1;
-  double n = 0;
-  while (dirent* e = ::readdir(d)) {
-    if (e->d_name[0] == '.') continue;
-    std::istringstream in(fileText(dir + "/" + e->d_name + "/status"));
+  return overTasks(pid, [](const std::string& task) {
+    std::istringstream in(fileText(task + "/status"));
     for (std::string line; std::getline(in, line);) {
-      if (line.starts_with("voluntary_ctxt_switches:")) n += std::strtod(line.c_str() + 24, nullptr);
+      if (line.starts_with("voluntary_ctxt_switches:")) return std::strtod(line.c_str() + 24, nullptr);
     }
-  }
-  ::closedir(d);
-  return n;
+    return 0.0;
+  });
 }
 
 struct Cpu {
