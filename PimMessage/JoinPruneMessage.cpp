@@ -775,11 +775,20 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     return PIM_FAIL(T::writeUpstreamFamily, data.upstream().af(), " Upstream Address: ", data.upstream());
   }
   Knet::PktWriter head(pkt, offset + 4);
-  EncodedUnicastAddress upstream;
-  upstream.addressIs(data.upstream());
-  if (upstream.write(head) == 0) {
-    failureIs(upstream.failure());
-    return PIM_FAIL(T::writeUpstream);
+  // A unicast upstream (of the family, checked above) that fits goes in directly; anything else
+  // through the encoder, with its checks and texts.
+  const Knet::IpGenAddr& up = data.upstream();
+  if (!up.isMulticast() && head.fits(2 + up.byteLength())) {
+    head.writeU8(static_cast<U8>(family));
+    head.writeU8(defaultEncoding);
+    head.writeAddress(up);
+  } else {
+    EncodedUnicastAddress upstream;
+    upstream.addressIs(up);
+    if (upstream.write(head) == 0) {
+      failureIs(upstream.failure());
+      return PIM_FAIL(T::writeUpstream);
+    }
   }
   // From here on the writer ends where the MTU does.
   Knet::PktWriter w(pkt->data(), offset + static_cast<U32>(room), head.offset());
