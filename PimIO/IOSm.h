@@ -315,7 +315,7 @@ class IOSm : public Loom::Entity {
   std::map<Knet::IntfId, std::unique_ptr<PimIntfSm>> pimIntf_;
   UnresPktColl pimUnresPkt_;
   std::vector<Knet::RxPkt> rxBatch_;
-  Loom::Ptr<Knet::PktBuffer> txBuffer_;  // reused for every message sent while no one else holds it
+  Loom::Ptr<Knet::Pkt> txPkt_;  // reused for every message sent while no one else holds it or its bytes
   double loopQuantum_ = loopQuantumDefault;
   std::set<Knet::IntfId> allPimRoutersMember_;
   bool initialized_ = false;

@@ -119,11 +119,14 @@ void IOSm::txPkt() {
   // Encode after the header room, into the machine's own buffer (the socket copies what it sends).
   const U32 room = pimPamManager_->overrideIpHeader() ? (af == Knet::AddressFamily::ipv6 ? 40 : 20) : 0;
   const U32 largest = pam ? pam->maxRxPktData() : Knet::maxPimMessageSize(af);
-  if (!txBuffer_ || txBuffer_->references() > 1) {
-    txBuffer_ = new Knet::PktBuffer(room + std::max(largest, Knet::maxPimMessageSize(af)));
+  // The packet and its bytes are kept from one message to the next while no one else holds either.
+  if (!txPkt_ || txPkt_->references() > 1 || txPkt_->dataShared()) {
+    const U32 capacity = room + std::max(largest, Knet::maxPimMessageSize(af));
+    txPkt_ = new Knet::Pkt(new Knet::PktBuffer(capacity), 0, capacity);
   }
-  LOOM_ASSERT(txBuffer_->capacity() >= room + largest, "pkt->maxSharedData() >= pimPam()->maxRxPktData()");
-  Loom::Ptr<Knet::Pkt> pkt = new Knet::Pkt(txBuffer_, 0, txBuffer_->capacity());
+  txPkt_->windowIs(txPkt_->capacity());
+  LOOM_ASSERT(txPkt_->capacity() >= room + largest, "pkt->maxSharedData() >= pimPam()->maxRxPktData()");
+  const Loom::Ptr<Knet::Pkt> pkt = txPkt_;
   U8 ttl = defaultTtl, tos = defaultTos;
   Loom::Ptr<Boundary::IntfBoundary> boundary;
   if (t == Knet::pimRegister()) registerTtlTos(static_cast<const Packet::RegisterMessage&>(*msg), ttl, tos);
@@ -153,7 +156,7 @@ void IOSm::txPkt() {
   }
   const U32 written = row->write(*msg, pkt, room, boundary);
   if (written == 0) {
-    txBuffer_ = nullptr;  // a failed write may have left bytes behind; the next starts afresh
+    txPkt_ = nullptr;  // a failed write may have left bytes behind; the next starts afresh
     if (t == Knet::pimJoinPrune() &&
         msg->failure() == Packet::Failure(Packet::JoinPruneText::zeroGroups)) {
       PIMIO_TRACE(1, "TX: Filtered - Pim Join/Prune - Zero Groups");
@@ -174,7 +177,7 @@ void IOSm::txPkt() {
   PIMIO_TRACE(7, "Setting TTL to " << unsigned(ttl));
   PIMIO_TRACE(7, "Setting TOS to " << unsigned(tos));
   const bool sent = pam && pam->txPkt(*pkt, p);
-  std::memset(txBuffer_->bytes(), 0, room + written);  // the next message starts on zeros
+  std::memset(pkt->data(), 0, room + written);  // the next message starts on zeros
   if (!pam) return failed("TX: Error - No Socket");
   if (!sent) return;  // the socket counted it; handleTxError counts the message
   updateCounter(tx, t, subtype, intfId, MessageCounterType::counterValid);

@@ -1,6 +1,8 @@
 #include "PimMessage/JoinPruneMessage.h"
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 #include <optional>
 #include <vector>
 
@@ -412,24 +414,46 @@ class Packer {
   // family and fit; moves `it` past them and returns how many.
   template <U32 Width, class It>
   U32 packHostSources(It& it, It end, U8 flags) {
-    U32 n = 0;
     const U32 fit = static_cast<U32>(w_.remaining() / (4 + Width));
-    const U8 afByte = static_cast<U8>(family_);
+    if (it == end || fit == 0) return 0;
+    // The set is in address order, family first, so the sources that can go this way lie in one
+    // run from `it`: those of the message's family in the same block as the first one (below the
+    // multicast block, in it, or above it). A binary search finds where the run ends; the copy
+    // below then needs no check per source.
+    const Knet::AddressFamily family = family_;
+    const int block = blockOf<Width>(*it);
+    if (it->af() != family || block == multicastBlock) return 0;
+    const It stop = end - it > S64(fit) ? it + fit : end;
+    const It runEnd = std::partition_point(
+        it, stop, [&](const Knet::IpGenAddr& a) { return a.af() == family && blockOf<Width>(a) == block; });
+    const U32 n = static_cast<U32>(runEnd - it);
+    // The four bytes before every address, as they lie in memory.
+    const U8 lead[4] = {static_cast<U8>(family), defaultEncoding, flags, 8 * Width};
+    U32 leadWord;
+    std::memcpy(&leadWord, lead, 4);
+    // Two copies per source, not one 8-byte value built in a register: the compiler then turns the
+    // loop into vector moves, where the built value went through the stack.
     U8* p = w_.data() + w_.offset();
-    for (; it != end && n < fit; ++it, ++n, p += 4 + Width) {
-      const Knet::IpGenAddr& a = *it;
-      if (a.af() != family_ || a.isMulticast()) break;
-      p[0] = afByte;
-      p[1] = defaultEncoding;
-      p[2] = flags;
-      p[3] = 8 * Width;
-      std::memcpy(p + 4, a.bytes(), Width);
+    for (It a = it; a != runEnd; ++a, p += 4 + Width) {
+      std::memcpy(p, &leadWord, 4);
+      std::memcpy(p + 4, a->bytes(), Width);
     }
-    if (n) {
-      w_.skip(n * (4 + Width));
-      sources_ += n;
-    }
+    it = runEnd;
+    w_.skip(n * (4 + Width));
+    sources_ += n;
     return n;
+  }
+  // Where an address of `Width` bytes lies against the multicast block of its family: below (0),
+  // in it (1) or above (2). In address order the block never decreases.
+  static constexpr int multicastBlock = 1;
+  template <U32 Width>
+  static int blockOf(const Knet::IpGenAddr& a) {
+    const U8 first = a.bytes()[0];
+    if constexpr (Width == 4) {
+      return first < 0xe0 ? 0 : first < 0xf0 ? multicastBlock : 2;
+    } else {
+      return first == 0xff ? multicastBlock : 0;
+    }
   }
   void filteredForFamily(const Knet::IpGenAddr& a);
   void bookmarkAt(const Knet::IpGenAddr& group, Collection c, bool join, const Knet::IpGenAddr& source);
@@ -751,11 +775,20 @@ U32 JoinPruneMessage::writeJoinPruneMessage(const Loom::Ptr<Knet::Pkt>& pkt, U32
     return PIM_FAIL(T::writeUpstreamFamily, data.upstream().af(), " Upstream Address: ", data.upstream());
   }
   Knet::PktWriter head(pkt, offset + 4);
-  EncodedUnicastAddress upstream;
-  upstream.addressIs(data.upstream());
-  if (upstream.write(head) == 0) {
-    failureIs(upstream.failure());
-    return PIM_FAIL(T::writeUpstream);
+  // A unicast upstream (of the family, checked above) that fits goes in directly; anything else
+  // through the encoder, with its checks and texts.
+  const Knet::IpGenAddr& up = data.upstream();
+  if (!up.isMulticast() && head.fits(2 + up.byteLength())) {
+    head.writeU8(static_cast<U8>(family));
+    head.writeU8(defaultEncoding);
+    head.writeAddress(up);
+  } else {
+    EncodedUnicastAddress upstream;
+    upstream.addressIs(up);
+    if (upstream.write(head) == 0) {
+      failureIs(upstream.failure());
+      return PIM_FAIL(T::writeUpstream);
+    }
   }
   // From here on the writer ends where the MTU does.
   Knet::PktWriter w(pkt->data(), offset + static_cast<U32>(room), head.offset());

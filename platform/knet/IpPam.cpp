@@ -29,15 +29,18 @@ constexpr U32 maxFilterInstructions = 4096;
 bool isV4(AddressFamily af) { return af == AddressFamily::ipv4; }
 
 // The destination as a socket address. A link-scope IPv6 destination names its interface too.
+// Only the structure of the family is cleared: the kernel reads no further than the length
+// returned, and clearing the whole storage on every send costs more than filling it.
 socklen_t sockAddrOf(const IpGenAddr& a, U32 ifIndex, sockaddr_storage& out) {
-  std::memset(&out, 0, sizeof(out));
   if (a.af() == AddressFamily::ipv4) {
     auto* s = reinterpret_cast<sockaddr_in*>(&out);
+    std::memset(s, 0, sizeof(*s));
     s->sin_family = AF_INET;
     std::memcpy(&s->sin_addr, a.bytes(), 4);
     return sizeof(sockaddr_in);
   }
   auto* s = reinterpret_cast<sockaddr_in6*>(&out);
+  std::memset(s, 0, sizeof(*s));
   s->sin6_family = AF_INET6;
   std::memcpy(&s->sin6_addr, a.bytes(), 16);
   const U8 b0 = a.bytes()[0], b1 = a.bytes()[1];
@@ -47,7 +50,10 @@ socklen_t sockAddrOf(const IpGenAddr& a, U32 ifIndex, sockaddr_storage& out) {
 }
 
 // Appends one control message of `len` bytes; returns where its data goes.
+// The buffer is cleared when the first one goes in (the padding between them included), so that
+// a packet without any does not pay for the clearing.
 void* cmsgAdd(msghdr& m, cmsghdr*& at, int level, int type, size_t len) {
+  if (!at) std::memset(m.msg_control, 0, m.msg_controllen);
   at = at ? CMSG_NXTHDR(&m, at) : CMSG_FIRSTHDR(&m);
   at->cmsg_level = level;
   at->cmsg_type = type;
@@ -424,7 +430,7 @@ bool IpPam::txPkt(const Pkt& pkt, const TxParams& p) {
   iovec iov{const_cast<U8*>(pkt.data()), pkt.size()};
   m.msg_iov = &iov;
   m.msg_iovlen = 1;
-  alignas(cmsghdr) U8 control[CMSG_SPACE(sizeof(in6_pktinfo)) + 2 * CMSG_SPACE(sizeof(int))] = {};
+  alignas(cmsghdr) U8 control[CMSG_SPACE(sizeof(in6_pktinfo)) + 2 * CMSG_SPACE(sizeof(int))];  // cleared by cmsgAdd
   m.msg_control = control;
   m.msg_controllen = sizeof(control);
   cmsghdr* c = nullptr;

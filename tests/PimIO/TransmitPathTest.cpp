@@ -3,9 +3,14 @@
 // namespace tests).
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <sstream>
+
 #include "PimMessage/AssertMessage.h"
+#include "PimMessage/JoinPruneMessage.h"
 #include "PimMessage/MessageTable.h"
 #include "support/IOSmAgent.h"
+#include "support/JoinPruneTrees.h"
 #include "support/PimBytes.h"
 
 namespace Routing::Pim::IO {
@@ -101,6 +106,69 @@ TEST(TransmitPath, RefusalsWithTheirTextsAndCounts) {
       EXPECT_EQ(c.txFiltered, row.count == filtered ? 1u : 0u);
       EXPECT_EQ(c.txValid, 0u);
     }
+  }
+}
+
+
+// The Join/Prune writer packs runs of (S,G) joins without a check per source when its packing
+// trace is off; with the trace on it walks entry by entry. Both must write the same messages and
+// leave the same tree, whatever the sources around the run: multicast ones, those above the
+// multicast block, those of the other family, and a bookmark inside the run.
+TEST(TransmitPath, JoinPruneRunsPackAsTheEntryWalkDoes) {
+  const struct {
+    const char* name;
+    const char* upstream;
+    const char* group;
+    std::vector<const char*> joins;
+    U32 mtu;
+    bool periodic;
+  } rows[] = {
+      {"a multicast source inside the run", "10.0.0.2", "239.1.1.1",
+       {"10.1.1.1", "224.0.0.1", "239.9.9.9", "240.0.0.1", "250.1.1.1"}, 1500, false},
+      {"IPv6 sources after the IPv4 ones", "10.0.0.2", "239.1.1.1", {"10.1.1.1", "2001:db8::1", "ff0e::1"}, 1500,
+       false},
+      {"a run cut by the MTU resumes from the bookmark", "10.0.0.2", "239.1.1.1",
+       {"10.1.1.1", "10.1.1.2", "10.1.1.3", "10.1.1.4", "10.1.1.5", "10.1.1.6", "10.1.1.7", "10.1.1.8", "10.1.1.9"},
+       70, true},
+      {"IPv6: a multicast source ends the run", "fe80::2", "ff0e::1", {"2001:db8::1", "fc00::1", "ff0e::9"}, 1500,
+       false},
+      {"IPv6: a run cut by the MTU", "fe80::2", "ff0e::1",
+       {"2001:db8::1", "2001:db8::2", "2001:db8::3", "2001:db8::4", "2001:db8::5"}, 140, false},
+  };
+  // Writes messages from the tree until it has no more to send: the bytes of each, the writer's
+  // report, and the entries the tree keeps at the end.
+  auto drain = [](const auto& row, bool entryWalk) {
+    Loom::Ptr<JoinPruneData> tree = new JoinPruneData(ip(row.upstream));
+    tree->holdTimeIs(210);
+    tree->periodicIs(row.periodic);
+    auto& g = tree->joinPruneGroupDataIs(ip(row.group));
+    for (const char* s : row.joins) g.joinedSourceIs(ip(s));
+    std::optional<Loom::TraceCapture> packingTrace;
+    if (entryWalk) packingTrace.emplace(Packet::tracePacking);
+    std::vector<std::string> out;
+    for (int i = 0; i < 10; ++i) {
+      auto m = Packet::joinPruneMessageFactory();
+      m->joinPruneDataIs(tree);
+      m->mtuIs(row.mtu);
+      m->srcIpIs(ip(row.upstream));
+      m->dstIpIs(ip(ip(row.upstream).af() == Knet::AddressFamily::ipv4 ? "224.0.0.13" : "ff02::d"));
+      auto pkt = Knet::pktFactory(1500);
+      const U32 n = m->writeJoinPruneMessage(pkt, 0, nullptr);
+      std::ostringstream os;
+      os << "bytes " << testing::PrintToString(Bytes(pkt->data(), pkt->data() + n)) << " report " << m->report();
+      out.push_back(os.str());
+      if (n == 0 || !tree->bookmark()) break;
+    }
+    Entries left;
+    collect(*tree, left);
+    out.push_back(testing::PrintToString(left));
+    return out;
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto runs = drain(row, false), walk = drain(row, true);
+    EXPECT_EQ(runs, walk);
+    EXPECT_GT(walk.size(), 1u);
   }
 }
 
