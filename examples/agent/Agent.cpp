@@ -340,7 +340,9 @@ void Agent::send(const Knet::IntfId& intf, const Loom::Ptr<Packet::Message>& m) 
 void Agent::onReceived(const MessageInfo& info) {
   const auto& m = info.message();
   if (!m) return;
-  if (!options_.quiet) print({"rx", info.intfId().name(), m->srcIp().str(), m->pimMessageType().name(), Packet::messageTextLine(*m)});
+  if (!options_.quiet) {
+    print({"rx", info.intfId().name(), m->srcIp().str(), m->pimMessageType().name(), Packet::messageTextLine(*m)});
+  }
   if (const auto hello = info.helloMessage()) {
     neighborIs(info.intfId(), m->srcIp(), hello->holdTimeOption() ? hello->holdTime() : holdtimeDefault);
   }

@@ -183,7 +183,9 @@ bool Lab::prerequisites() {
     if (::access(p.c_str(), X_OK) != 0) return failSetUp("prerequisites", p + " is missing (Debian package frr)");
   }
   for (const char* tool : {"ip", "vtysh", "timeout"}) {
-    if (shell(std::string("command -v ") + tool) != 0) return failSetUp("prerequisites", std::string(tool) + " is missing");
+    if (shell(std::string("command -v ") + tool) != 0) {
+      return failSetUp("prerequisites", std::string(tool) + " is missing");
+    }
   }
   std::vector<std::string> candidates;
   if (!options_.agent.empty()) {
@@ -370,7 +372,8 @@ void Lab::addSteps() {
       {"frr-up", "pimd runs PIM on lan0, up0 and src0",
        [this](std::string& missing) {
          for (const char* i : {"lan0", "up0", "src0"}) {
-           if (!frrInterfaces_.contains(i)) missing = std::string("pimd has no PIM interface ") + i;
+           if (frrInterfaces_.contains(i)) continue;
+           missing += (missing.empty() ? "pimd has no PIM interface " : ", ") + std::string(i);
          }
          return missing.empty();
        }},
@@ -393,7 +396,8 @@ void Lab::addSteps() {
        [this](std::string& missing) {
          return neighbor("pimio-a", bLan, missing) & neighbor("pimio-b", aLan, missing);
        }},
-      {"frr-takes-join", "pimio-a's (10.66.0.100, 239.1.1.1) Join: pimd's join state on lan0 and its route forwards there",
+      {"frr-takes-join",
+       "pimio-a's (10.66.0.100, 239.1.1.1) Join: pimd's join state on lan0 and its route forwards there",
        [this](std::string& missing) {
          const Json::json_pointer state("/lan0/" + std::string(streamGroup) + "/" + source + "/channelJoinName");
          const Json::json_pointer oil("/" + std::string(streamGroup) + "/" + source + "/oil/lan0");
