@@ -3,7 +3,6 @@
 // exists, and the kernel receive filter that admits only the PIM types with a receive slot.
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -38,48 +37,33 @@ std::string errnoText(int error) { return std::to_string(error) + " (" + std::st
 // namespace's, read and written from inside it). On success `from` and `to` hold the old and new
 // limit; otherwise `error` holds the errno of the call that failed.
 bool raiseIgmpMaxMemberships(const std::string& netNs, long& from, long& to, int& error) {
-  int home = -1;
-  if (!netNs.empty()) {
-    home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    const int target = ::open(("/run/netns/" + netNs).c_str(), O_RDONLY | O_CLOEXEC);
-    const bool entered = home >= 0 && target >= 0 && ::setns(target, CLONE_NEWNET) == 0;
-    error = errno;
-    if (target >= 0) ::close(target);
-    if (!entered) {
-      if (home >= 0) ::close(home);
-      return false;
-    }
-  }
   bool ok = false;
-  const int fd = ::open(igmpMaxMembershipsPath, O_RDWR | O_CLOEXEC);
-  if (fd < 0) {
-    error = errno;
-  } else {
-    char buf[32] = {};
-    const ssize_t n = ::read(fd, buf, sizeof(buf) - 1);
-    if (n <= 0) {
-      error = n < 0 ? errno : EIO;
-    } else {
-      from = std::strtol(buf, nullptr, 10);
-      // Doubling keeps the number of raises logarithmic in the number of interfaces.
-      to = from > 0 ? from * 2 : 20;
-      const std::string text = std::to_string(to) + "\n";
-      if (::pwrite(fd, text.data(), text.size(), 0) == ssize_t(text.size())) {
-        ok = true;
-      } else {
-        error = errno;
-      }
-    }
-    ::close(fd);
-  }
-  if (home >= 0) {
-    if (::setns(home, CLONE_NEWNET) != 0) {
+  const std::string failedCall = Knet::inNamespace(netNs, [&] {
+    const int fd = ::open(igmpMaxMembershipsPath, O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
       error = errno;
-      ok = false;
+    } else {
+      char buf[32] = {};
+      const ssize_t n = ::read(fd, buf, sizeof(buf) - 1);
+      if (n <= 0) {
+        error = n < 0 ? errno : EIO;
+      } else {
+        from = std::strtol(buf, nullptr, 10);
+        // Doubling keeps the number of raises logarithmic in the number of interfaces.
+        to = from > 0 ? from * 2 : 20;
+        const std::string text = std::to_string(to) + "\n";
+        if (::pwrite(fd, text.data(), text.size(), 0) == ssize_t(text.size())) {
+          ok = true;
+        } else {
+          error = errno;
+        }
+      }
+      ::close(fd);
     }
-    ::close(home);
-  }
-  return ok;
+  });
+  if (failedCall.empty()) return ok;
+  error = errno;
+  return false;
 }
 
 }  // namespace

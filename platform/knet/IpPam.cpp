@@ -153,35 +153,42 @@ void IpPam::enabledIs(bool v) {
   notifiees_.notify(&Notifiee::onEnabled);
 }
 
+std::string inNamespace(const NamespaceName& ns, const std::function<void()>& fn) {
+  if (ns.empty()) {
+    fn();
+    return "";
+  }
+  const int home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  if (home < 0) return "open /proc/thread-self/ns/net";
+  const std::string path = "/run/netns/" + ns;
+  const int target = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  std::string failedCall;
+  if (target < 0) {
+    failedCall = "open " + path;
+  } else if (::setns(target, CLONE_NEWNET) < 0) {
+    failedCall = "setns";
+  } else {
+    fn();
+    if (::setns(home, CLONE_NEWNET) < 0) failedCall = "setns back";
+  }
+  const int error = errno;
+  if (target >= 0) ::close(target);
+  ::close(home);
+  errno = error;
+  return failedCall;
+}
+
 // Opens the socket with this thread inside the named namespace, and comes back to the thread's
 // own namespace whatever happened.
 int IpPam::openInNamespace() {
   const int domain = isV4(af_) ? AF_INET : AF_INET6;
   const int type = SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC;
-  if (netNs_.empty()) {
-    const int fd = ::socket(domain, type, protocol_);
-    if (fd < 0) failed(callErrors_, "socket");
-    return fd;
-  }
-  const int home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-  if (home < 0) {
-    failed(callErrors_, "open /proc/thread-self/ns/net");
-    return -1;
-  }
-  const std::string path = "/run/netns/" + netNs_;
-  const int target = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   int fd = -1;
-  if (target < 0) {
-    failed(callErrors_, ("open " + path).c_str());
-  } else if (::setns(target, CLONE_NEWNET) < 0) {
-    failed(callErrors_, "setns");
-  } else {
+  const std::string failedCall = inNamespace(netNs_, [&] {
     fd = ::socket(domain, type, protocol_);
     if (fd < 0) failed(callErrors_, "socket");
-    if (::setns(home, CLONE_NEWNET) < 0) failed(callErrors_, "setns back");
-  }
-  if (target >= 0) ::close(target);
-  ::close(home);
+  });
+  if (!failedCall.empty()) failed(callErrors_, failedCall.c_str());
   return fd;
 }
 

@@ -9,6 +9,7 @@
 //
 // Failing system calls never throw: each is counted, its errno kept in lastErrno() and traced at
 // level 1 as "<call> failed: <errno text>" under the trace unit "Knet".
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -25,6 +26,12 @@ namespace Knet {
 inline Loom::TraceUnit knetTraceUnit{"Knet"};
 
 using NamespaceName = std::string;  // a name under /run/netns; "" is the namespace of the caller
+
+// Runs `fn` with this thread inside network namespace `ns` ("" runs it where the thread is) and
+// brings the thread back whatever `fn` did. Returns the call that failed, with errno as it left
+// it: "open /proc/thread-self/ns/net", "open /run/netns/NS" or "setns" (then `fn` did not run),
+// or "setns back"; empty when all went well. What `fn` opens stays in the namespace it was opened in.
+std::string inNamespace(const NamespaceName& ns, const std::function<void()>& fn);
 using IpProtocolNumber = U8;
 
 // One classic-BPF instruction, laid out as the kernel's struct sock_filter.

@@ -1,7 +1,6 @@
 #include "tools/pimio/LabProcess.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -11,6 +10,8 @@
 #include <chrono>
 #include <cstdio>
 #include <thread>
+
+#include "knet/IpPam.h"
 
 namespace Pimio::Cli {
 
@@ -114,21 +115,14 @@ void LabProcess::stop(double grace) {
 }
 
 int socketInNetns(const std::string& ns, int domain, int type, int protocol) {
-  const int self = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-  const int target = ::open(("/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
   int fd = -1;
-  if (self >= 0 && target >= 0 && ::setns(target, CLONE_NEWNET) == 0) {
-    fd = ::socket(domain, type | SOCK_CLOEXEC, protocol);
-    const int saved = errno;
-    // Going back cannot fail for a namespace this process was in; if it did, every later step
-    // would act in the wrong namespace, so that is the end.
-    if (::setns(self, CLONE_NEWNET) != 0) std::abort();
-    errno = saved;
+  const std::string failedCall = Knet::inNamespace(ns, [&] { fd = ::socket(domain, type | SOCK_CLOEXEC, protocol); });
+  if (!failedCall.empty() && fd >= 0) {  // made, but the thread did not come back: a failure all the same
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+    fd = -1;
   }
-  const int saved = errno;
-  if (self >= 0) ::close(self);
-  if (target >= 0) ::close(target);
-  errno = saved;
   return fd;
 }
 
